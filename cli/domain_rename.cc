@@ -1,0 +1,80 @@
+// Command line and rename sequence of mxkeep_domain_rename.
+#include "cli/domain_rename.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <typeinfo>
+
+#include "common/errors.h"
+#include "common/idn.h"
+
+namespace zanth {
+namespace cli {
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUnspecified = 2;
+
+[[noreturn]] void usage(int status, const std::string& message) {
+  if (!message.empty()) errorStream << message << std::endl;
+  std::cout << "Rename a Zanth-controlled mail domain" << std::endl
+            << "Usage: mxkeep_domain_rename <old_domain_name> <new_domain_name>" << std::endl;
+  std::exit(status);
+}
+
+std::string demangledTypeName(const std::exception& e) {
+  const char* mangled = typeid(e).name();
+  int status = -1;
+  char* name = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+  std::string result = status == 0 && name != nullptr ? name : mangled;
+  std::free(name);
+  return result;
+}
+
+void checkArguments(int& argc, char**& argv) {
+  if (argc < 3) usage(kExitFailure, "Not enough arguments");
+  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)
+    usage(kExitOk, "");
+  if (std::strcmp(argv[1], "--") == 0) {
+    ++argv;
+    --argc;
+  }
+  if (argc != 3) usage(kExitFailure, "Invalid arguments");
+  if (argv[1][0] == '\0') usage(kExitFailure, "Empty old domain name");
+  if (argv[2][0] == '\0') usage(kExitFailure, "Empty new domain name");
+  for (int i = 1; i <= 2; ++i)
+    if (argv[i][0] == '-')
+      usage(kExitFailure, std::string("Invalid argument '") + argv[i] + "'");
+}
+
+}  // namespace
+
+void renameDomain(std::string& oldName, std::string& newName) {
+  oldName = idn::toAscii(oldName);
+  newName = idn::toAscii(newName);
+}
+
+int domainRenameMain(int argc, char** argv) {
+  try {
+    checkArguments(argc, argv);
+    std::string oldName = argv[1];
+    std::string newName = argv[2];
+    renameDomain(oldName, newName);
+    return kExitOk;
+  } catch (const std::exception& e) {
+    errorStream << "Fatal error: " << demangledTypeName(e) << "(" << e.what() << ")"
+                << std::endl;
+    if (const Traceback* tb = dynamic_cast<const Traceback*>(&e)) errorStream << *tb;
+    return kExitFailure;
+  } catch (...) {
+    errorStream << "UNSPECIFIED ERROR OCCURED" << std::endl;
+    return kExitUnspecified;
+  }
+}
+
+}  // namespace cli
+}  // namespace zanth

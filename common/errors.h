@@ -1,0 +1,135 @@
+// Error classes and diagnostics shared by every module of the mail library:
+// the exception tree of the class-based layer, the errno-dispatching thrower,
+// call-stack snapshots, the process-wide error stream (standard error at
+// once, standard output on flush) and the procedural reporter.
+#ifndef MXKEEP_COMMON_ERRORS_H
+#define MXKEEP_COMMON_ERRORS_H
+
+#include <cstdarg>
+#include <exception>
+#include <ostream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+
+namespace zanth {
+
+// A failed system call: the message names the failing step, the code is an
+// errno value. what() is "message: strerror(code)", or the system text alone
+// when the message is empty; it is computed once and never throws.
+class SystemError : public std::runtime_error {
+ public:
+  explicit SystemError(const std::string& message);  // code from errno
+  SystemError(const std::string& message, int code);
+  ~SystemError() override;
+
+  const char* what() const noexcept override;
+  int code() const noexcept { return code_; }
+
+ private:
+  int code_;
+  mutable std::string cache_;
+};
+
+// The system errors callers catch by kind: N is the errno value
+// (1 EPERM, 2 ENOENT, 4 EINTR, 10 ECHILD, 11 EAGAIN).
+template <int N>
+class ExSystemError : public SystemError {
+ public:
+  explicit ExSystemError(const std::string& message) : SystemError(message, N) {}
+};
+
+// Throws ExSystemError<code> for the typed codes, otherwise a SystemError
+// with code, or with the current errno when code is 0.
+[[noreturn]] void throwSystemError(const std::string& message, int code);
+
+// True while any exception is propagating anywhere in the process. Undo
+// guards decide by this process-wide test, not by their own scope.
+inline bool exceptionInFlight() noexcept { return std::uncaught_exceptions() > 0; }
+
+// A snapshot of the call stack, taken at construction; the first `skip`
+// frames are left out when printed. Symbols are resolved on first print.
+class Traceback {
+ public:
+  static constexpr int kMaxFrames = 11;
+
+  explicit Traceback(int skip = 0);
+  Traceback(const Traceback& other);
+  Traceback& operator=(const Traceback&) = delete;
+  virtual ~Traceback();
+
+  friend std::ostream& operator<<(std::ostream& out, const Traceback& tb);
+
+ private:
+  int count_;
+  int skip_;
+  void* frames_[kMaxFrames];
+  mutable char** symbols_;
+};
+
+std::ostream& operator<<(std::ostream& out, const Traceback& tb);
+
+// Stream buffer with no put area: each character goes to std::cerr at once
+// and is kept; sync() writes what was kept to std::cout.
+class UtilityErrorStreamBuf : public std::streambuf {
+ public:
+  UtilityErrorStreamBuf() = default;
+  ~UtilityErrorStreamBuf() override;
+
+ protected:
+  int sync() override;
+  int_type overflow(int_type c) override;
+
+ private:
+  std::string pending_;
+};
+
+class UtilityErrorStream : public std::ostream {
+ public:
+  UtilityErrorStream();
+  ~UtilityErrorStream() override;
+
+ private:
+  UtilityErrorStreamBuf buf_;
+};
+
+// The one process-wide diagnostic stream of the class-based code.
+extern UtilityErrorStream errorStream;
+
+namespace idn {
+
+// The text libidn's result code stands for ("Unknown error" for others).
+const char* idnaErrorText(int code) noexcept;
+
+// A failed IDNA conversion, carrying libidn's result code.
+class IdnaError : public std::exception {
+ public:
+  explicit IdnaError(int code) : code_(code) {}
+  ~IdnaError() override;
+  const char* what() const noexcept override { return idnaErrorText(code_); }
+  int code() const noexcept { return code_; }
+
+ private:
+  int code_;
+};
+
+}  // namespace idn
+}  // namespace zanth
+
+// Procedural reporter. Formats the message, appends "\nSystem error %d: %s"
+// when errno was set on entry, prints it to standard error and standard
+// output, and exits with exit_status when that is non-zero. `flag` is kept
+// for the callers' sake and not used.
+void report_error(int exit_status, int flag, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void vreport_error(int exit_status, int flag, const char* format, va_list args)
+    __attribute__((format(printf, 3, 0)));
+
+// Output step of the reporter: optional "progname: " prefix, the text and a
+// newline unless it ends in one, on standard error then standard output.
+void print_error_message(const char* text, int exit_status, int flag);
+
+// Program path whose base name prefixes procedural messages; null by default.
+extern const char* error_progname;
+
+#endif  // MXKEEP_COMMON_ERRORS_H

@@ -1,0 +1,161 @@
+// IDN conversion on GNU libidn 1.x. Every conversion uses flags 0: no
+// unassigned code points, no STD3 ASCII rules.
+#include "common/idn.h"
+
+#include <idna.h>
+#include <regex.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace zanth {
+namespace idn {
+namespace {
+
+using Converter = int (*)(const char*, char**, int);
+
+std::string convert(Converter fn, const std::string& input) {
+  char* output = nullptr;
+  int rc = fn(input.c_str(), &output, 0);
+  if (rc != IDNA_SUCCESS) throw IdnaError(rc);
+  if (output == nullptr) throw std::bad_alloc();
+  struct Release {
+    char* p;
+    ~Release() { std::free(p); }
+  } release{output};
+  return std::string(output);
+}
+
+}  // namespace
+
+std::string toAscii(const std::string& name) { return convert(idna_to_ascii_8z, name); }
+
+std::string toUtf8(const std::string& name) { return convert(idna_to_unicode_8z8z, name); }
+
+std::string emailToAscii(const std::string& address) {
+  std::string::size_type at = address.find('@');
+  if (at == std::string::npos) return address;
+  return address.substr(0, at + 1) + toAscii(address.substr(at + 1));
+}
+
+}  // namespace idn
+}  // namespace zanth
+
+int idn_last_error = 0;
+
+namespace {
+
+constexpr size_t kUrlBufferSize = 8192;
+constexpr int kUrlMatches = 5;
+
+// Unchecked conversion: out of memory ends the process, other failures
+// record the code and give null.
+char* convert_unchecked(int (*fn)(const char*, char**, int), const char* input) {
+  char* output = nullptr;
+  int rc = fn(input, &output, 0);
+  if (rc == IDNA_MALLOC_ERROR) report_error(1, 1, "Allocation failed");
+  if (rc != IDNA_SUCCESS) {
+    idn_last_error = rc;
+    std::free(output);
+    return nullptr;
+  }
+  return output;
+}
+
+char* convert_checked(int (*fn)(const char*, char**, int), const char* fname,
+                      const char* input) {
+  char* output = convert_unchecked(fn, input);
+  if (output == nullptr)
+    report_error(1, 1, "%s(%s) failed: %s", fname, input, idn_strerror(idn_last_error));
+  return output;
+}
+
+char* join_address(const char* address, const char* at, const char* domain) {
+  char* result = nullptr;
+  if (asprintf(&result, "%.*s@%s", static_cast<int>(at - address), address, domain) < 0)
+    report_error(1, 1, "Cannot allocate memory: %s", std::strerror(errno));
+  return result;
+}
+
+}  // namespace
+
+const char* idn_strerror(int code) { return zanth::idn::idnaErrorText(code); }
+
+char* idn_toascii(const char* name) { return convert_unchecked(idna_to_ascii_8z, name); }
+
+char* idn_toutf8(const char* name) { return convert_unchecked(idna_to_unicode_8z8z, name); }
+
+char* idn_toascii_safe(const char* name) {
+  return convert_checked(idna_to_ascii_8z, "idn_toascii_safe", name);
+}
+
+char* idn_toutf8_safe(const char* name) {
+  return convert_checked(idna_to_unicode_8z8z, "idn_toutf8_safe", name);
+}
+
+char* idn_email_toascii(const char* address) {
+  const char* at = std::strchr(address, '@');
+  if (at == nullptr) return nullptr;
+  char* domain = idn_toascii(at + 1);
+  // A failed domain still yields a string, with the C library's rendering of
+  // a null in its place; callers look at idn_last_error.
+  char* result = join_address(address, at, domain);
+  std::free(domain);
+  return result;
+}
+
+char* idn_email_toascii_safe(const char* address) {
+  const char* at = std::strchr(address, '@');
+  if (at == nullptr) return nullptr;
+  char* domain = idn_toascii(at + 1);
+  if (domain == nullptr)
+    report_error(1, 1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
+                 idn_strerror(idn_last_error));
+  char* result = join_address(address, at, domain);
+  std::free(domain);
+  return result;
+}
+
+const char* idn_url_toascii(const char* url) {
+  static char buffer[kUrlBufferSize];
+  regex_t re;
+  int rc = regcomp(&re, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
+  if (rc != 0) {
+    char text[4096];
+    regerror(rc, &re, text, sizeof text);
+    report_error(1, 1, "regcomp() failed: %s", text);
+  }
+  regmatch_t m[kUrlMatches];
+  rc = regexec(&re, url, kUrlMatches, m, 0);
+  if (rc != 0) {
+    char text[4096];
+    regerror(rc, &re, text, sizeof text);
+    regfree(&re);
+    report_error(0, 0, "regexec() failed: %s", text);
+    return nullptr;
+  }
+  regfree(&re);
+  if (m[3].rm_so < 0) {
+    report_error(0, 0, "no hostname found in URL");
+    return nullptr;
+  }
+  auto part = [url, &m](int i) {
+    return m[i].rm_so < 0 ? std::string() : std::string(url + m[i].rm_so, m[i].rm_eo - m[i].rm_so);
+  };
+  std::string host = part(3);
+  char* ascii = nullptr;
+  rc = idna_to_ascii_8z(host.c_str(), &ascii, 0);
+  if (rc == IDNA_MALLOC_ERROR) report_error(1, 1, "Allocation failed");
+  if (rc != IDNA_SUCCESS) {
+    idn_last_error = rc;
+    std::free(ascii);
+    report_error(0, 0, "idn_toascii() failed: %s", idn_strerror(rc));
+    return nullptr;
+  }
+  std::snprintf(buffer, sizeof buffer, "%s%s%s%s", part(1).c_str(), part(2).c_str(), ascii,
+                part(4).c_str());
+  std::free(ascii);
+  return buffer;
+}

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing and the demo need.
+# Idempotent and non-interactive; run as root on Debian 12.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config
+  libgtest-dev libgmock-dev
+  libboost-filesystem-dev
+  libsqlite3-dev sqlite3
+  libidn-dev
+  libmariadb-dev
+  libssl-dev
+  postfix
+  util-linux
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+export DEBIAN_FRONTEND=noninteractive
+# Postfix is installed only for its postmap program: leave the host's mail
+# configuration alone and never start a mail service here.
+echo "postfix postfix/main_mailer_type select No configuration" | debconf-set-selections
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# Runs one command inside a disposable sandbox of the fixed system paths the
+# mail tools work at: a private mount namespace with fresh tmpfs over /var,
+# /opt, /run and /tmp, and overlays over /etc and /usr, so that accounts,
+# configuration and programs can be added without touching the host.
+# Everything vanishes when the command ends.
+#
+# Usage: testing/sandbox.sh COMMAND [ARG...]
+# Exit status: the command's; 77 when no sandbox can be made outside CI
+# (CI=true turns that into a failure).
+set -euo pipefail
+
+fail_or_skip() {
+  if [ "${CI:-}" = true ]; then
+    echo "sandbox: $1" >&2
+    exit 1
+  fi
+  echo "sandbox: skipped: $1" >&2
+  exit 77
+}
+
+if [ "${1:-}" != --inside ]; then
+  [ $# -gt 0 ] || { echo "usage: $0 COMMAND [ARG...]" >&2; exit 2; }
+  if [ "${MXKEEP_SANDBOX:-}" = 1 ]; then
+    exec "$@"
+  fi
+  [ "$(id -u)" = 0 ] || fail_or_skip "needs root for a private mount namespace"
+  unshare --mount --propagation private true 2>/dev/null ||
+    fail_or_skip "unshare --mount is not permitted here"
+  exec unshare --mount --propagation private "$0" --inside "$@"
+fi
+shift
+
+# From here on every mount is private to this namespace.
+mount -t tmpfs -o mode=0755 mxkeep-sandbox /run
+scratch=/run/.sandbox-layers
+for d in etc usr; do
+  mkdir -p "$scratch/$d-upper" "$scratch/$d-work"
+  mount -t overlay "mxkeep-$d" \
+    -o "lowerdir=/$d,upperdir=$scratch/$d-upper,workdir=$scratch/$d-work" "/$d" ||
+    fail_or_skip "cannot mount an overlay over /$d"
+done
+for d in var opt; do
+  mount -t tmpfs -o mode=0755 "mxkeep-$d" "/$d"
+done
+mount -t tmpfs -o mode=1777 mxkeep-tmp /tmp
+
+# The layout an installed system has.
+mkdir -p /run/lock /var/spool /var/lib /var/log
+ln -s /run /var/run
+ln -s /run/lock /var/lock
+mkdir -p /var/lock/files
+
+getent group postfix >/dev/null || groupadd -r postfix
+getent passwd postfix >/dev/null ||
+  useradd -r -g postfix -d /var/spool/postfix -s /usr/sbin/nologin postfix
+getent group popuser >/dev/null || groupadd -r popuser
+getent passwd popuser >/dev/null ||
+  useradd -r -g popuser -d /var/qmail/mailnames -s /usr/sbin/nologin popuser
+
+mkdir -p /etc/postfix /etc/orb /opt/orb/handlers/info \
+         /usr/lib/zanth-9.0/domain_rename /var/spool/postfix/zanth
+[ -f /etc/postfix/main.cf ] || printf '# sandbox: postmap needs a main.cf\ncompatibility_level = 3.6\n' > /etc/postfix/main.cf
+install -d -o popuser -g popuser -m 0751 /var/qmail /var/qmail/mailnames
+
+export MXKEEP_SANDBOX=1
+exec "$@"

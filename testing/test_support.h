@@ -1,0 +1,61 @@
+// Shared test support: running real programs with captured output, reading
+// and writing files, and scratch directories. Every test binary runs inside
+// the disposable sandbox of testing/sandbox.sh (see test_main.cc), so tests
+// may write the fixed system paths the mail tools use.
+#ifndef MXKEEP_TESTING_TEST_SUPPORT_H
+#define MXKEEP_TESTING_TEST_SUPPORT_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// Outcome of one child process: raw wait status and both output streams.
+struct RunResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+
+  bool exited() const;
+  int exitCode() const;  // -1 unless the child exited normally
+};
+
+// Runs argv[0] (a path) with argv, feeding `input` to its standard input.
+RunResult runProgram(const std::vector<std::string>& argv,
+                     const std::string& input = "");
+
+// Runs the built mxkeep_domain_rename with the given arguments.
+RunResult runTool(const std::vector<std::string>& args);
+
+// Path of the built tool and of a file in the source tree.
+std::string toolPath();
+std::string sourcePath(const std::string& relative);
+std::string buildPath(const std::string& relative);
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content,
+               mode_t mode = 0644);
+bool pathExists(const std::string& path);
+
+// Runs a shell command line with /bin/sh -c; returns the wait status.
+RunResult shell(const std::string& command);
+
+// A fresh directory under /tmp, removed with its contents on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace testing_support
+
+#endif  // MXKEEP_TESTING_TEST_SUPPORT_H
