@@ -1,0 +1,246 @@
+// Map record filters: the line filters that rewrite one text record of a
+// Postfix map dump ("key<blanks>value"), the element rules they apply to keys
+// and list elements, and the adapter that cuts a child's output blocks into
+// lines. Filters hold references to strings the caller owns and never throw
+// for bad input: a malformed record is reported on std::clog and dropped.
+#ifndef MXKEEP_MAIL_POSTFIX_DATABASE_FILTERS_H
+#define MXKEEP_MAIL_POSTFIX_DATABASE_FILTERS_H
+
+#include <boost/algorithm/string/finder.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <boost/bind/bind.hpp>
+#include <boost/function.hpp>
+#include <boost/range/iterator_range.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <iostream>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace zanth {
+namespace mail {
+namespace postfix {
+namespace database {
+
+// isListSep - true for a separator of value list elements: a comma or any
+// character isspace() accepts. A run of separators counts as one.
+inline bool isListSep(char c) {
+  return c == ',' || std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+// ReplaceElementFilterRef - an element equal to `from` (bytewise) becomes
+// `to`; anything else is left alone. Always true.
+class ReplaceElementFilterRef {
+ public:
+  ReplaceElementFilterRef(const std::string& from, const std::string& to)
+      : from_(from), to_(to) {}
+
+  bool operator()(std::string& element) const {
+    if (element == from_) element = to_;
+    return true;
+  }
+
+ private:
+  const std::string& from_;
+  const std::string& to_;
+};
+
+// ReplaceDomainPart - renames the domain `from` to `to` in a bare domain or
+// an address: "from" and "local@from" change, "x.from" only when subdomains
+// is set, "xfrom" never. Always true.
+class ReplaceDomainPart {
+ public:
+  ReplaceDomainPart(const std::string& from, const std::string& to, bool subdomains)
+      : from_(from), to_(to), subdomains_(subdomains) {}
+
+  bool operator()(std::string& s) const {
+    const size_t n = from_.size();
+    if (s.size() < n || s.compare(s.size() - n, n, from_) != 0) return true;
+    if (s.size() == n) {
+      s = to_;
+      return true;
+    }
+    const char before = s[s.size() - n - 1];
+    if (before == '@' || (before == '.' && subdomains_)) s.replace(s.size() - n, n, to_);
+    return true;
+  }
+
+ private:
+  const std::string& from_;
+  const std::string& to_;
+  const bool subdomains_;
+};
+
+// ReplaceDomainPath - a value that begins with fromPath gets that beginning
+// replaced by toPath. No separator has to follow the prefix, so "a.x" also
+// turns "a.x.org/m/" into "b.x.org/m/" when renaming a.x to b.x: maps rely
+// on the text rule, not on path components. Always true.
+class ReplaceDomainPath {
+ public:
+  ReplaceDomainPath(const std::string& fromPath, const std::string& toPath)
+      : fromPath_(fromPath), toPath_(toPath) {}
+
+  bool operator()(std::string& value) const {
+    if (value.compare(0, fromPath_.size(), fromPath_) == 0)
+      value.replace(0, fromPath_.size(), toPath_);
+    return true;
+  }
+
+ private:
+  const std::string& fromPath_;
+  const std::string& toPath_;
+};
+
+// ValueListFilter - applies rule F to each element of a list value and
+// rejoins the elements with ", ". The joiner goes in front of an element
+// only when the text so far is not empty, so leading separators vanish.
+// Returns false, value untouched, when the rebuilt list is empty.
+template <class F>
+class ValueListFilter {
+ public:
+  explicit ValueListFilter(const F& rule) : rule_(rule) {}
+
+  bool operator()(std::string& value) const {
+    typedef boost::split_iterator<std::string::iterator> SplitIterator;
+    std::string result;
+    result.reserve(value.size() + 8);
+    std::string element;
+    for (SplitIterator it = boost::make_split_iterator(
+             value, boost::token_finder(isListSep, boost::algorithm::token_compress_on));
+         it != SplitIterator(); ++it) {
+      element.assign(it->begin(), it->end());
+      rule_(element);
+      if (!result.empty()) result += ", ";
+      result += element;
+    }
+    if (result.empty()) return false;
+    value.swap(result);
+    return true;
+  }
+
+ private:
+  F rule_;
+};
+
+namespace detail {
+
+inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+// filterRecord - the steps every line filter shares: split the record at
+// the first blank or tab, apply keyRule to the key and valueRule to the
+// trimmed value, and write back "key value". A kept record is always
+// normalised this way, whether or not a rule changed anything.
+template <class KeyRule, class ValueRule>
+bool filterRecord(std::string& line, const KeyRule& keyRule, const ValueRule& valueRule) {
+  const std::string::iterator blank = std::find_if(line.begin(), line.end(), isBlank);
+  if (blank == line.end()) {
+    std::clog << "invalid key/value '" << line << "'" << std::endl;
+    return false;
+  }
+  std::string key(line.begin(), blank);
+  if (!keyRule(key)) return false;
+  const std::string::iterator first =
+      std::find_if(blank, line.end(), [](char c) { return !isBlank(c); });
+  if (first == line.end()) return false;
+  const std::string::iterator last =
+      std::find_if(line.rbegin(), line.rend(), [](char c) { return !isBlank(c); }).base();
+  std::string value(first, last);
+  if (!valueRule(value)) return false;
+  key += ' ';
+  key += value;
+  line.swap(key);
+  return true;
+}
+
+}  // namespace detail
+
+// ElementsFilter - line filter applying rule F to the key and to every
+// element of the value list. True keeps the (rewritten) line.
+template <class F>
+class ElementsFilter {
+ public:
+  explicit ElementsFilter(const F& rule) : rule_(rule), values_(rule) {}
+
+  bool operator()(std::string& line) const { return detail::filterRecord(line, rule_, values_); }
+
+ private:
+  F rule_;
+  ValueListFilter<F> values_;
+};
+
+// KeyValueFilter - line filter applying KF to the key and VF to the whole
+// value as one element. True keeps the (rewritten) line.
+template <class KF, class VF>
+class KeyValueFilter {
+ public:
+  KeyValueFilter(const KF& keyRule, const VF& valueRule)
+      : keyRule_(keyRule), valueRule_(valueRule) {}
+
+  bool operator()(std::string& line) const {
+    return detail::filterRecord(line, keyRule_, valueRule_);
+  }
+
+ private:
+  KF keyRule_;
+  VF valueRule_;
+};
+
+// DataStreamFilter - cuts blocks of a byte stream into lines, passes each
+// complete line to the line filter L and writes the kept ones to `out`,
+// each ended by std::endl. Text after the last line feed stays pending
+// until finish(). Lives for one stream; the stream's errors are left to
+// its owner.
+//
+//   DataStreamFilter<ElementsFilter<ReplaceDomainPart>> f(filter, file);
+//   pipe.setOutput(kStreamPipe, f.consumer());   // fed while the child runs
+//   pipe.run();
+//   f.finish();                                  // the last, unterminated line
+template <class L>
+class DataStreamFilter {
+ public:
+  typedef boost::function<void(const std::vector<char>&)> Consumer;
+
+  DataStreamFilter(const L& filter, std::ostream& out) : filter_(filter), out_(out) {}
+  DataStreamFilter(const DataStreamFilter&) = delete;
+  DataStreamFilter& operator=(const DataStreamFilter&) = delete;
+
+  void operator()(const std::vector<char>& block) {
+    std::vector<char>::const_iterator start = block.begin();
+    for (;;) {
+      std::vector<char>::const_iterator lf = std::find(start, block.end(), '\n');
+      if (lf == block.end()) break;
+      pending_.append(start, lf);
+      if (filter_(pending_)) out_ << pending_ << std::endl;
+      pending_.clear();
+      start = lf + 1;
+    }
+    pending_.append(start, block.end());
+  }
+
+  // consumer - a callback feeding this object; it must outlive the callback.
+  Consumer consumer() {
+    return boost::bind(&DataStreamFilter::operator(), this, boost::placeholders::_1);
+  }
+
+  // finish - filters and writes a pending last line without line feed.
+  void finish() {
+    if (!pending_.empty() && filter_(pending_)) out_ << pending_ << std::endl;
+    pending_.clear();
+  }
+
+  const std::string& pending() const { return pending_; }
+
+ private:
+  L filter_;
+  std::ostream& out_;
+  std::string pending_;
+};
+
+}  // namespace database
+}  // namespace postfix
+}  // namespace mail
+}  // namespace zanth
+
+#endif  // MXKEEP_MAIL_POSTFIX_DATABASE_FILTERS_H
