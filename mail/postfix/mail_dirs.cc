@@ -1,0 +1,201 @@
+// Mail directories under the mail-names root: paths, owners, modes, and the
+// create / rename / move-aside / remove operations. The process umask is
+// narrowed to 077 while directories are made and always put back.
+#include "mail/postfix/mail_dirs.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/lexical_cast.hpp>
+#include <boost/system/error_code.hpp>
+
+#include <cerrno>
+
+#include "common/errors.h"
+#include "common/orb_conf.h"
+#include "common/syscall.h"
+
+namespace fs = boost::filesystem;
+
+namespace zanth {
+namespace mail {
+namespace postfix {
+namespace {
+
+constexpr mode_t kCreateUmask = 077;
+constexpr mode_t kDomainDirectoryMode = 0750;
+constexpr mode_t kMailboxDirectoryMode = 0700;
+constexpr uid_t kRootUid = 0;
+constexpr const char* kSavedInfix = ".ZanthSaved.";
+
+// The mailbox layout, made in this order inside a new mailbox directory.
+constexpr const char* kMailboxLayout[] = {"Maildir", "Maildir/tmp", "Maildir/new", "Maildir/cur",
+                                          "@attachments"};
+
+// Sets the process umask for its lifetime and restores the caller's.
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : saved_(::umask(mask)) {}
+  ~ScopedUmask() { ::umask(saved_); }
+  ScopedUmask(const ScopedUmask&) = delete;
+  ScopedUmask& operator=(const ScopedUmask&) = delete;
+
+ private:
+  const mode_t saved_;
+};
+
+boost::system::error_code systemCode(int code) {
+  return boost::system::error_code(code, boost::system::system_category());
+}
+
+[[noreturn]] void throwFilesystemError(const char* operation, const fs::path& path, int code) {
+  throw fs::filesystem_error(operation, path, systemCode(code));
+}
+
+// setOwnerAndMode - chown then chmod, each retried on EINTR.
+void setOwnerAndMode(const fs::path& dir, uid_t uid, gid_t gid, mode_t mode) {
+  if (retryEintr([&] { return ::chown(dir.c_str(), uid, gid); }) != 0)
+    throwFilesystemError("chown", dir, errno);
+  if (retryEintr([&] { return ::chmod(dir.c_str(), mode); }) != 0)
+    throwFilesystemError("chmod", dir, errno);
+}
+
+fs::path mailNamesRoot() { return fs::path(orb_conf_get_default(ZANTH_MAILNAMES_D)); }
+
+// saveDirectory - moveAside, turning "cannot examine" into an error.
+void saveDirectory(const fs::path& dir) {
+  fs::path saved;
+  if (!moveAside(dir, saved)) throw fs::filesystem_error("rename", dir, saved, systemCode(errno));
+}
+
+}  // namespace
+
+const PopUser& getPopUser() {
+  static PopUser popUser;
+  // Looked up on every call on purpose, never cached: the account may be
+  // re-created with other ids while a long-lived caller runs.
+  errno = 0;
+  const struct passwd* pw = ::getpwnam("popuser");
+  if (pw == nullptr) throw SystemError("user popusernot found");
+  popUser.uid = pw->pw_uid;
+  popUser.gid = pw->pw_gid;
+  return popUser;
+}
+
+fs::path domainDirectory(const std::string& domain) { return mailNamesRoot() / domain; }
+
+fs::path mailboxDirectory(const std::string& domain, const std::string& mailbox) {
+  return mailNamesRoot() / domain / mailbox;
+}
+
+fs::path relativeDomainPath(const std::string& domain) { return fs::path(domain); }
+
+bool moveAside(const fs::path& path, fs::path& saved) {
+  struct stat st;
+  if (retryEintr([&] { return ::stat(path.c_str(), &st); }) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) {
+      saved = fs::path();
+      return true;
+    }
+    return false;
+  }
+  saved = fs::path(path.string() + kSavedInfix + boost::lexical_cast<std::string>(st.st_ino));
+  fs::rename(path, saved);
+  return true;
+}
+
+void renameDomainDirectory(const PopUser&, const std::string& oldDomain,
+                           const std::string& newDomain) {
+  fs::rename(domainDirectory(oldDomain), domainDirectory(newDomain));
+}
+
+void createDomainDirectory(const PopUser& popUser, const std::string& domain) {
+  ScopedUmask umask(kCreateUmask);
+  const fs::path dir = domainDirectory(domain);
+  fs::create_directories(dir);
+  setOwnerAndMode(dir, kRootUid, popUser.gid, kDomainDirectoryMode);
+}
+
+void removeDomainDirectory(const PopUser&, const std::string& domain) {
+  const fs::path dir = domainDirectory(domain);
+  fs::path saved;
+  try {
+    if (!moveAside(dir, saved)) saved = dir;
+  } catch (const fs::filesystem_error&) {
+    // Could not move it out of the way: remove it where it is.
+    saved = dir;
+  }
+  fs::remove_all(saved);
+}
+
+void saveDomainDirectory(const PopUser&, const std::string& domain) {
+  saveDirectory(domainDirectory(domain));
+}
+
+void createMailboxDirectory(const PopUser& popUser, const std::string& domain,
+                            const std::string& mailbox) {
+  ScopedUmask umask(kCreateUmask);
+  const fs::path dir = mailboxDirectory(domain, mailbox);
+  fs::create_directories(dir);
+  try {
+    setOwnerAndMode(dir, popUser.uid, popUser.gid, kMailboxDirectoryMode);
+    for (const char* name : kMailboxLayout) {
+      const fs::path sub = dir / name;
+      fs::create_directory(sub);
+      setOwnerAndMode(sub, popUser.uid, popUser.gid, kMailboxDirectoryMode);
+    }
+  } catch (...) {
+    // A half-made mailbox must not stay behind; the caller wants to know
+    // why it failed, not why the clean-up failed, so the clean-up's own
+    // error is dropped and errno is put back.
+    const int saved = errno;
+    boost::system::error_code ignored;
+    fs::remove_all(dir, ignored);
+    errno = saved;
+    throw;
+  }
+}
+
+void removeMailboxDirectory(const PopUser&, const std::string& domain,
+                            const std::string& mailbox) {
+  fs::remove_all(mailboxDirectory(domain, mailbox));
+}
+
+void saveMailboxDirectory(const PopUser&, const std::string& domain,
+                          const std::string& mailbox) {
+  saveDirectory(mailboxDirectory(domain, mailbox));
+}
+
+void renameMailboxDirectory(const PopUser&, const std::string& domain,
+                            const std::string& oldMailbox, const std::string& newMailbox) {
+  fs::rename(mailboxDirectory(domain, oldMailbox), mailboxDirectory(domain, newMailbox));
+}
+
+void disposeDomainDirectory(const PopUser& popUser, const std::string& domain, int disposal) {
+  if (disposal == kRemoveDirectory)
+    removeDomainDirectory(popUser, domain);
+  else if (disposal == kSaveDirectory)
+    saveDomainDirectory(popUser, domain);
+}
+
+void disposeMailboxDirectory(const PopUser& popUser, const std::string& domain,
+                             const std::string& mailbox, int disposal) {
+  switch (disposal) {
+    case kRemoveDirectory:
+      removeMailboxDirectory(popUser, domain, mailbox);
+      // Falls through on purpose: the save then finds nothing to move,
+      // which moveAside treats as success.
+      [[fallthrough]];
+    case kSaveDirectory:
+      saveMailboxDirectory(popUser, domain, mailbox);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace postfix
+}  // namespace mail
+}  // namespace zanth
