@@ -11,12 +11,12 @@
 #include <string>
 #include <utility>
 
-#include "testing/child_output.h"
+#include "testing/child.h"
 #include "testing/test_support.h"
 
 namespace {
 
-using testing_support::inChild;
+using testing_support::runInChild;
 using testing_support::readFile;
 using testing_support::RunResult;
 
@@ -82,7 +82,7 @@ TEST(UtilExec, ChildGetsOnlyTheGivenDescriptors) {
 
 TEST(UtilExec, FailingProgramIsReportedWithItsOutput) {
   const std::string report = "/bin/sh execution failed:\n" + std::string(10000, 'x') + "\n";
-  RunResult r = inChild([] {
+  RunResult r = runInChild([] {
     Shell sh("printf '100%%%% done\\n'; head -c 10000 /dev/zero | tr '\\0' x >&2; exit 3");
     return exec_capture_report("/bin/sh", sh.argv(), 0);
   });
@@ -90,12 +90,12 @@ TEST(UtilExec, FailingProgramIsReportedWithItsOutput) {
   EXPECT_EQ(report, r.out);
   EXPECT_EQ("100% done\n" + report, r.err);  // standard output is used as a format
 
-  r = inChild([] { return exec_capture_report_va("/bin/sh", "sh", "-c", "exit 1", nullptr); });
+  r = runInChild([] { return exec_capture_report_va("/bin/sh", "sh", "-c", "exit 1", nullptr); });
   EXPECT_EQ(1, r.exitCode());
   EXPECT_EQ("/bin/sh execution failed (no output)\n", r.out);
 
   for (int quiet : {0, 1}) {
-    r = inChild([quiet] {
+    r = runInChild([quiet] {
       Shell sh(quiet ? "echo out; echo err >&2; exit 9" : "echo out; echo err >&2");
       return exec_capture_report("/bin/sh", sh.argv(), quiet);
     });
@@ -112,12 +112,12 @@ int runWithManyArgs(std::index_sequence<I...>) {
 
 TEST(UtilExec, ArgumentListsAreCappedAtOneHundredEntries) {
   // sh, -c, script, $0 and 95 more arguments fill the 99 entries.
-  RunResult r = inChild([] { return runWithManyArgs(std::make_index_sequence<150>()); });
+  RunResult r = runInChild([] { return runWithManyArgs(std::make_index_sequence<150>()); });
   EXPECT_EQ("/bin/sh execution failed:\nx 95\n", r.out);
 
   testing_support::writeFile("/usr/lib/zanth-9.0/show-args", "#!/bin/sh\necho \"$0|$*\" >&2\nexit 6\n",
                              0755);
-  r = inChild([] { return lib_util_exec("show-args", "a", "b c", nullptr); });
+  r = runInChild([] { return lib_util_exec("show-args", "a", "b c", nullptr); });
   EXPECT_EQ(6, r.exitCode());
   EXPECT_EQ(
       "/usr/lib/zanth-9.0/show-args execution failed:\n/usr/lib/zanth-9.0/show-args|a b c\n",
@@ -129,7 +129,7 @@ TEST(UtilExec, UtilExecRedirectsAndReportsStandardError) {
   testing_support::writeFile(dir / "in", "hello\n");
   int in = open((dir / "in").c_str(), O_RDONLY);
   int out = open((dir / "out").c_str(), O_WRONLY | O_CREAT, 0644);
-  RunResult r = inChild([&] {
+  RunResult r = runInChild([&] {
     Shell sh("cat; echo warn >&2; exit 5");
     return util_exec(in, out, "/bin/sh", sh.argv());
   });
@@ -138,7 +138,7 @@ TEST(UtilExec, UtilExecRedirectsAndReportsStandardError) {
   EXPECT_EQ("warn\n", r.out);
   EXPECT_EQ("warn\n", r.err);
 
-  r = inChild([&] {
+  r = runInChild([&] {
     Shell sh("kill -TERM $$");
     return util_exec(in, out, "/bin/sh", sh.argv()) == -1 ? 0 : 1;
   });
@@ -146,7 +146,7 @@ TEST(UtilExec, UtilExecRedirectsAndReportsStandardError) {
   EXPECT_NE(std::string::npos, r.out.find(" killed by signal 15\n")) << r.out;
 
   // A failed execv comes back in the forked child, which ends here.
-  r = inChild([&] {
+  r = runInChild([&] {
     pid_t self = getpid();
     Shell sh("");
     int result = util_exec(in, out, "/nonexistent/prog", sh.argv());
@@ -160,7 +160,7 @@ TEST(UtilExec, UtilExecRedirectsAndReportsStandardError) {
 }
 
 TEST(UtilExec, ExecSilentHidesOutputAndReportsOnlySignals) {
-  RunResult r = inChild([] {
+  RunResult r = runInChild([] {
     int exited = exec_silent("/bin/sh", "sh", "-c", "echo noise; echo ran > /run/ran; exit 7", nullptr);
     int killed = exec_silent("/bin/sh", "sh", "-c", "kill -KILL $$", nullptr);
     return exited * 10 + killed;
@@ -176,13 +176,13 @@ TEST(UtilExec, PopenReportsCodeAndOutput) {
   EXPECT_EQ(std::string(9000, 'p'), out);
   std::free(out);
 
-  RunResult r = inChild([] { return popen_exec_report("exit 2"); });
+  RunResult r = runInChild([] { return popen_exec_report("exit 2"); });
   EXPECT_EQ(2, r.exitCode());
   EXPECT_EQ("popen_exec: command failed code: 2 , error: none\n", r.out);
   EXPECT_EQ(r.out, r.err);
-  r = inChild([] { return popen_exec_report("echo broken; exit 3"); });
+  r = runInChild([] { return popen_exec_report("echo broken; exit 3"); });
   EXPECT_EQ("popen_exec: command failed code: 3 , broken\n\n", r.out);
-  r = inChild([] { return popen_exec_report("echo fine"); });
+  r = runInChild([] { return popen_exec_report("echo fine"); });
   EXPECT_EQ(0, r.exitCode());
   EXPECT_EQ("", r.out + r.err);
 }

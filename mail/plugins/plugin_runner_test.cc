@@ -12,13 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "testing/child_output.h"
+#include "testing/child.h"
 #include "testing/test_support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testing_support::inChild;
+using testing_support::runInChild;
 using testing_support::RunResult;
 
 const std::string kDir = kRenamePluginDir;
@@ -32,7 +32,7 @@ void install(const std::string& kind, const std::string& name) {
 }
 
 RunResult runPlugins() {
-  return inChild([] { return run_rename_plugins("old.example", "xn--bcher-kva.example"); });
+  return runInChild([] { return run_rename_plugins("old.example", "xn--bcher-kva.example"); });
 }
 
 // The modules that ran, as "<path> <old> <new>" lines in sorted order.

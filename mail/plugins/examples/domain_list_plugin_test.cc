@@ -10,7 +10,7 @@
 
 #include "mail/plugins/plugin_runner.h"
 #include "mail/plugins/rename_plugin.h"
-#include "testing/child_output.h"
+#include "testing/child.h"
 #include "testing/test_support.h"
 
 namespace {
@@ -72,7 +72,7 @@ TEST_F(DomainListPlugin, MissingListIsFineAndAFailedWriteKeepsTheList) {
   writeFile(kList, "old.example\n");
   std::filesystem::create_directory(kList + ".tmp");
   testing_support::RunResult r =
-      testing_support::inChild([this] { return rename_("old.example", "new.example"); });
+      testing_support::runInChild([this] { return rename_("old.example", "new.example"); });
   EXPECT_EQ(1, r.exitCode());
   EXPECT_EQ("domain_list: " + kList + ".tmp: open: Is a directory\n", r.err);
   EXPECT_EQ("old.example\n", readFile(kList));
@@ -83,7 +83,7 @@ TEST_F(DomainListPlugin, RunsFromThePluginDirectory) {
   std::filesystem::remove_all(kRenamePluginDir);
   std::filesystem::create_directories(kRenamePluginDir);
   std::filesystem::copy_file(kModule, std::string(kRenamePluginDir) + "/domain_list_plugin.so");
-  testing_support::RunResult r = testing_support::inChild(
+  testing_support::RunResult r = testing_support::runInChild(
       [] { return run_rename_plugins("old.example", "xn--bcher-kva.example"); });
   EXPECT_EQ(0, r.exitCode());
   EXPECT_EQ("", r.err);
