@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "common/errors.h"
+#include "common/orb_conf.h"
 #include "common/syscall.h"
 
 namespace {
@@ -248,7 +249,28 @@ int exec_capture_report_va(const char* path, ...) {
   return exec_capture_report(path, argv, 0);
 }
 
+int admin_util_exec(const char* name, ...) {
+  errno = 0;  // a refused name is no system error
+  if (std::strchr(name, '/') != nullptr) {
+    report_error(kReportOnly, 0,
+                 "Utility name '%s' is invalid. Use only utility name without path.", name);
+    return -1;
+  }
+  char path[zanth::kPathMax];
+  if (!zanth::path_format(path, sizeof path, "%s/admin/bin/%s",
+                          orb_conf_get_default(PRODUCT_ROOT_D), name)) {
+    report_error(kReportOnly, 0, "Utility '%s' path is too long", name);
+    return -1;
+  }
+  va_list args;
+  va_start(args, name);
+  int result = run_utility(path, args);
+  va_end(args);
+  return result;
+}
+
 int lib_util_exec(const char* name, ...) {
+  errno = 0;
   char path[zanth::kPathMax];
   if (!zanth::path_format(path, sizeof path, "%s/%s", kLibUtilDir, name)) {
     report_error(kReportOnly, 0, "Utility '%s' path is too long", name);

@@ -33,9 +33,14 @@ int exec_capture_report(const char* path, char* const argv[], int quiet);
 // ended by a null pointer.
 int exec_capture_report_va(const char* path, ...) __attribute__((sentinel));
 
-// lib_util_exec - run the program `name` of /usr/lib/zanth-9.0 with the
-// given arguments (null-terminated; argv[0] is the program's path) through
-// exec_capture_report, not quiet. -1 when the path does not fit.
+// admin_util_exec - run the panel utility `name` from the product root's
+// admin/bin with the given arguments (null-terminated; argv[0] is the
+// utility's path) through exec_capture_report, not quiet. A name with a
+// "/" is refused: -1, nothing started. -1 too when the path does not fit.
+int admin_util_exec(const char* name, ...) __attribute__((sentinel));
+
+// lib_util_exec - as admin_util_exec for a program of /usr/lib/zanth-9.0,
+// without the check of the name.
 int lib_util_exec(const char* name, ...) __attribute__((sentinel));
 
 // util_exec - run path with argv reading `in` and writing `out`, passing

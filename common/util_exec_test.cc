@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <utility>
 
@@ -114,13 +115,32 @@ TEST(UtilExec, ArgumentListsAreCappedAtOneHundredEntries) {
   // sh, -c, script, $0 and 95 more arguments fill the 99 entries.
   RunResult r = runInChild([] { return runWithManyArgs(std::make_index_sequence<150>()); });
   EXPECT_EQ("/bin/sh execution failed:\nx 95\n", r.out);
+}
 
-  testing_support::writeFile("/usr/lib/zanth-9.0/show-args", "#!/bin/sh\necho \"$0|$*\" >&2\nexit 6\n",
-                             0755);
-  r = runInChild([] { return lib_util_exec("show-args", "a", "b c", nullptr); });
+TEST(UtilExec, NamedUtilitiesAreRunFromTheirDirectories) {
+  const std::string tool = "#!/bin/sh\necho \"$0|$*\" >&2\ntouch /run/started\nexit 6\n";
+  testing_support::writeFile("/usr/lib/zanth-9.0/show-args", tool, 0755);
+  RunResult r = runInChild([] { return lib_util_exec("show-args", "a", "b c", nullptr); });
   EXPECT_EQ(6, r.exitCode());
   EXPECT_EQ(
       "/usr/lib/zanth-9.0/show-args execution failed:\n/usr/lib/zanth-9.0/show-args|a b c\n",
+      r.out);
+
+  // The product root comes from the configuration file.
+  std::filesystem::create_directories("/opt/custom/admin/bin/sub");
+  testing_support::writeFile("/etc/orb/orb.conf", "PRODUCT_ROOT_D /opt/custom\n");
+  testing_support::writeFile("/opt/custom/admin/bin/show-args", tool, 0755);
+  testing_support::writeFile("/opt/custom/admin/bin/sub/show-args", tool, 0755);
+  std::filesystem::remove("/run/started");
+  r = runInChild([] { return admin_util_exec("sub/show-args", "a", nullptr) == -1 ? 0 : 1; });
+  EXPECT_EQ(0, r.exitCode());
+  EXPECT_EQ("Utility name 'sub/show-args' is invalid. Use only utility name without path.\n", r.out);
+  EXPECT_FALSE(testing_support::pathExists("/run/started"));
+
+  r = runInChild([] { return admin_util_exec("show-args", "a", nullptr); });
+  EXPECT_EQ(6, r.exitCode());
+  EXPECT_EQ(
+      "/opt/custom/admin/bin/show-args execution failed:\n/opt/custom/admin/bin/show-args|a\n",
       r.out);
 }
 
