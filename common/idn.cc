@@ -154,8 +154,12 @@ const char* idn_url_toascii(const char* url) {
     report_error(0, 0, "idn_toascii() failed: %s", idn_strerror(rc));
     return nullptr;
   }
-  std::snprintf(buffer, sizeof buffer, "%s%s%s%s", part(1).c_str(), part(2).c_str(), ascii,
-                part(4).c_str());
+  int n = std::snprintf(buffer, sizeof buffer, "%s%s%s%s", part(1).c_str(), part(2).c_str(),
+                        ascii, part(4).c_str());
   std::free(ascii);
+  if (n < 0 || static_cast<size_t>(n) >= sizeof buffer) {
+    report_error(0, 0, "URL is too long to be converted: %s", url);
+    return nullptr;
+  }
   return buffer;
 }

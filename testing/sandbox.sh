@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Runs one command inside a disposable sandbox of the fixed system paths the
 # mail tools work at: a private mount namespace with fresh tmpfs over /var,
-# /opt, /run and /tmp, and overlays over /etc and /usr, so that accounts,
+# /opt and /run, and overlays over /etc and /usr, so that accounts,
 # configuration and programs can be added without touching the host.
-# Everything vanishes when the command ends.
+# Everything vanishes when the command ends. /tmp stays the host's, so the
+# checkout and build may live there; tests clean up what they make in it.
 #
 # Usage: testing/sandbox.sh COMMAND [ARG...]
 # Exit status: the command's; 77 when no sandbox can be made outside CI
@@ -25,6 +26,12 @@ if [ "${1:-}" != --inside ]; then
     exec "$@"
   fi
   [ "$(id -u)" = 0 ] || fail_or_skip "needs root for a private mount namespace"
+  here=$(cd "$(dirname "$0")/.." && pwd -P)
+  case "$here/" in
+    /var/*|/opt/*|/run/*)
+      echo "sandbox: the checkout $here lies under a directory the sandbox replaces; move it" >&2
+      exit 1 ;;
+  esac
   unshare --mount --propagation private true 2>/dev/null ||
     fail_or_skip "unshare --mount is not permitted here"
   exec unshare --mount --propagation private "$0" --inside "$@"
@@ -43,7 +50,6 @@ done
 for d in var opt; do
   mount -t tmpfs -o mode=0755 "mxkeep-$d" "/$d"
 done
-mount -t tmpfs -o mode=1777 mxkeep-tmp /tmp
 
 # The layout an installed system has.
 mkdir -p /run/lock /var/spool /var/lib /var/log

@@ -1,0 +1,43 @@
+// File and directory helpers of the procedural mail code: directory paths
+// (plain, or with owner and mode), empty files, the first line of a small
+// file, and tree removal. Problems are reported through report_error; the
+// ones marked "ends the process" exit with status 1 on purpose.
+#ifndef MXKEEP_COMMON_FILE_UTIL_H
+#define MXKEEP_COMMON_FILE_UTIL_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+// make_dirs - create every missing directory of path with mode 0755 (less
+// the umask); existing ones are left as they are. Non-zero when the whole
+// path exists as directories afterwards, 0 with errno set otherwise (ENOTDIR
+// when some component is not a directory). Reports nothing.
+int make_dirs(const char* path);
+
+// make_dirs_owned - create path and its missing parents, each owned by
+// uid:gid; path gets mode, the parents mode & 0777. An existing directory
+// is not touched (nor, then, are its parents). Always 0: a failed mkdir
+// ends the process, a failed chown is reported and passed over.
+int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode);
+
+// create_truncate_file - make path an empty file (mode 0644 when new);
+// 0 or -1 (reported).
+int create_truncate_file(const char* path);
+
+// create_file - make sure path exists as a file, keeping its content;
+// 0 or -1 (reported).
+int create_file(const char* path);
+
+// read_first_line - the first line of path without surrounding white space
+// into buffer (size bytes with the terminator); an empty file fills the
+// whole buffer with zeros. 0 or -1 (reported).
+int read_first_line(char* buffer, size_t size, const char* path);
+
+// remove_tree - remove path and everything under it, or, when remove_top is
+// 0, only what is under it. Symbolic links are removed, never followed; a
+// missing path is fine. Any failure ends the process. Changes the working
+// directory while it runs and restores it.
+void remove_tree(const char* path, int remove_top);
+
+#endif  // MXKEEP_COMMON_FILE_UTIL_H

@@ -1,0 +1,207 @@
+// Lock files and utilities semaphores. The procedural functions report
+// through report_error (the semaphore ones end the process with status 1);
+// lock() and ScopedLock turn failures into exceptions.
+#include "process/lock.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "common/errors.h"
+#include "common/file_util.h"
+#include "common/orb_conf.h"
+#include "common/syscall.h"
+
+namespace {
+
+constexpr mode_t kLockFileMode = 0644;
+constexpr mode_t kSemFileMode = 0600;
+constexpr int kExitFailure = 1;
+
+// The semaphore file of this process, -1 while closed.
+int g_sem_fd = -1;
+
+// hashed_path - kLockFilesDir/<hex MD5 of name> into path; false on failure.
+bool hashed_path(const char* name, char* path, size_t size) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(name, std::strlen(name), digest, &length, EVP_md5(), nullptr) != 1) return false;
+  char hex[2 * EVP_MAX_MD_SIZE + 1];
+  for (unsigned int i = 0; i < length; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  hex[2 * length] = '\0';
+  return zanth::path_format(path, size, "%s/%s", kLockFilesDir, hex);
+}
+
+LockHandle* lock_file(const char* name, int hashed, int operation) {
+  char hashed_name[zanth::kPathMax];
+  if (hashed && !hashed_path(name, hashed_name, sizeof hashed_name)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  auto* handle = static_cast<LockHandle*>(std::calloc(1, sizeof(LockHandle)));
+  if (handle != nullptr) handle->path = strdup(hashed ? hashed_name : name);
+  if (handle == nullptr || handle->path == nullptr) {
+    std::free(handle);
+    errno = ENOMEM;
+    return nullptr;
+  }
+
+  handle->fd = zanth::retryEintr(
+      [&] { return open(handle->path, O_RDWR | O_CREAT | O_TRUNC, kLockFileMode); });
+  if (handle->fd < 0) {
+    int saved = errno;
+    report_error(0, 0, "Unable to open file \"%s\": %s.", handle->path, std::strerror(saved));
+    errno = saved;
+    return handle;
+  }
+  if (zanth::retryEintr([&] { return flock(handle->fd, operation); }) != 0) {
+    int saved = errno;
+    close(handle->fd);
+    handle->fd = saved == EAGAIN ? 0 : -1;
+    errno = saved;
+  }
+  return handle;
+}
+
+[[noreturn]] void sem_failure(const char* function, long semnum) {
+  report_error(kExitFailure, 1, "%s() failed for semnum %ld: %s", function, semnum,
+               std::strerror(errno));
+  std::abort();  // not reached: a non-zero status exits
+}
+
+void check_semnum(const char* function, long semnum) {
+  if (semnum >= 0) return;
+  errno = 0;  // not a system error
+  report_error(kExitFailure, 1, "%s() failed for semnum %ld: semnum must not be negative",
+               function, semnum);
+}
+
+// sem_record - set one byte's record lock; fcntl's result.
+int sem_record(long semnum, short type, int command) {
+  struct flock record = {};
+  record.l_type = type;
+  record.l_whence = SEEK_SET;
+  record.l_start = semnum;
+  record.l_len = 1;
+  record.l_pid = 0;
+  return zanth::retryEintr([&] {
+    errno = 0;
+    return fcntl(g_sem_fd, command, &record);
+  });
+}
+
+}  // namespace
+
+LockHandle* lock_file_wait(const char* name, int hashed) {
+  return lock_file(name, hashed, LOCK_EX);
+}
+
+LockHandle* lock_file_try(const char* name, int hashed) {
+  return lock_file(name, hashed, LOCK_EX | LOCK_NB);
+}
+
+void lock_file_release(LockHandle* handle) {
+  if (handle == nullptr) return;
+  if (handle->fd > 0) {
+    // Closing drops the lock; an error here leaves nothing to undo.
+    int saved = errno;
+    close(handle->fd);
+    errno = saved;
+  }
+  std::free(handle->path);
+  std::free(handle);
+}
+
+void utilities_sem_init() {
+  if (g_sem_fd >= 0) return;
+  const char* root = orb_conf_get_default(PRODUCT_ROOT_D);
+  char path[zanth::kPathMax];
+  if (!zanth::path_format(path, sizeof path, "%s/var/utilities.sem", root)) {
+    errno = 0;
+    report_error(kExitFailure, 1, "semaphore file path under %s is too long", root);
+  }
+  auto open_sem = [&] {
+    return zanth::retryEintr([&] { return open(path, O_WRONLY | O_CREAT, kSemFileMode); });
+  };
+  int fd = open_sem();
+  if (fd < 0 && errno == ENOENT) {
+    char* slash = std::strrchr(path, '/');
+    *slash = '\0';
+    make_dirs(path);
+    *slash = '/';
+    fd = open_sem();
+  }
+  if (fd < 0)
+    report_error(kExitFailure, 1, "failed to open semaphore file %s: %s", path,
+                 std::strerror(errno));
+  g_sem_fd = fd;
+}
+
+void sem_lock(long semnum) {
+  check_semnum("sem_lock", semnum);
+  if (sem_record(semnum, F_WRLCK, F_SETLKW) != 0) sem_failure("sem_lock", semnum);
+}
+
+int sem_trylock(long semnum) {
+  check_semnum("sem_trylock", semnum);
+  if (sem_record(semnum, F_WRLCK, F_SETLK) == 0) return 0;
+  if (errno == EACCES || errno == EAGAIN) return -1;
+  sem_failure("sem_trylock", semnum);
+}
+
+void sem_unlock(long semnum) {
+  check_semnum("sem_unlock", semnum);
+  if (sem_record(semnum, F_UNLCK, F_SETLK) != 0) sem_failure("sem_unlock", semnum);
+}
+
+void shutdown_sem() {
+  if (g_sem_fd < 0) return;
+  int fd = g_sem_fd;
+  g_sem_fd = -1;
+  if (close(fd) != 0)
+    report_error(kExitFailure, 1, "shutdown_sem(): failed to close semaphore file: %s",
+                 std::strerror(errno));
+}
+
+namespace zanth {
+
+void lock(LockHandle*& handle, const std::string& name, int kind, int mode) {
+  int hashed = kind == kLockPath ? 0 : 1;
+  errno = 0;
+  if (mode == kLockWait) {
+    handle = lock_file_wait(name.c_str(), hashed);
+  } else if (mode == kLockTry) {
+    handle = lock_file_try(name.c_str(), hashed);
+  } else if (handle == nullptr) {
+    throw std::logic_error("lock(" + name + "): no handle to check");
+  }
+  if (handle == nullptr || handle->fd < 0) throwSystemError("lock() failed", errno);
+  if (mode == kLockTry && handle->fd == 0)
+    throw std::runtime_error("lock(" + name + ") failed: file is already locked");
+}
+
+ScopedLock::ScopedLock(const std::string& name, int kind, int mode) {
+  // Releases a handle that lock() left behind with its exception.
+  struct Pending {
+    LockHandle* handle = nullptr;
+    ~Pending() { lock_file_release(handle); }
+  } pending;
+  lock(pending.handle, name, kind, mode);
+  handle_ = pending.handle;
+  pending.handle = nullptr;
+}
+
+ScopedLock::~ScopedLock() { release(); }
+
+void ScopedLock::release() {
+  lock_file_release(handle_);
+  handle_ = nullptr;
+}
+
+}  // namespace zanth
