@@ -15,21 +15,12 @@
 #include <vector>
 
 #include "common/errors.h"
+#include "testing/test_support.h"
 
 namespace {
 
 using zanth::process::ProcessSetCatcher;
 using zanth::process::SignalMaskGuard;
-
-template <class E, class F>
-std::string thrown(F f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "<nothing thrown>";
-}
 
 // Children wait at the gate (a read from a pipe) until open() lets them
 // all go at the same instant; each then exits with its own code.
@@ -147,7 +138,7 @@ TEST(ProcessSetCatcher, UninstallRefusesWhileAChildRunsUnlessForced) {
   installAndFork(catcher, [&] { catcher.registerChild(child = gate.fork(0)); });
 
   EXPECT_EQ("there're some child processes still running",
-            thrown<std::logic_error>([&] { catcher.uninstall(false); }));
+            testing_support::thrownWhat<std::logic_error>([&] { catcher.uninstall(false); }));
   EXPECT_EQ(&catcher, ProcessSetCatcher::installed());
   catcher.uninstall(true);
   EXPECT_EQ(nullptr, ProcessSetCatcher::installed());
@@ -166,7 +157,7 @@ TEST(ProcessSetCatcher, OneAtATimeAndThePreviousHandlerComesBack) {
   ProcessSetCatcher first, second;
   first.install();
   EXPECT_EQ("ProcessSetCatcher instance has been installed already",
-            thrown<std::logic_error>([&] { second.install(); }));
+            testing_support::thrownWhat<std::logic_error>([&] { second.install(); }));
   second.uninstall(false);  // not the one in force: leaves it alone
   EXPECT_EQ(&first, ProcessSetCatcher::installed());
   first.uninstall(false);
@@ -236,7 +227,7 @@ TEST(SignalMaskGuard, SecondBlockKeepsTheFirstSavedMask) {
   }
   EXPECT_FALSE(blocked(SIGUSR1)) << "the destructor puts the mask back";
   EXPECT_EQ(std::string("sigaddset: ") + std::strerror(EINVAL),
-            thrown<zanth::SystemError>([] { SignalMaskGuard().block(0); }));
+            testing_support::thrownWhat<zanth::SystemError>([] { SignalMaskGuard().block(0); }));
 }
 
 }  // namespace

@@ -27,16 +27,6 @@ namespace {
 using namespace zanth::process;
 using namespace std::string_literals;
 
-template <class E, class F>
-std::string thrown(F f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "<nothing thrown>";
-}
-
 BlockConsumer appendTo(std::string& into) {
   return [&into](const std::vector<char>& block) { into.append(block.begin(), block.end()); };
 }
@@ -188,7 +178,7 @@ TEST(Pipe, FailuresLeaveNoCatcherHandlerOrDescriptorBehind) {
     Pipe pipe;
     pipe.addProcess(spec);
     pipe.setOutput(kStreamPipe, [](const std::vector<char>&) { throw std::runtime_error("stop"); });
-    EXPECT_EQ(c.first, thrown<std::runtime_error>([&] { pipe.run(); }));
+    EXPECT_EQ(c.first, testing_support::thrownWhat<std::runtime_error>([&] { pipe.run(); }));
     EXPECT_EQ(nullptr, ProcessSetCatcher::installed()) << c.first;
     EXPECT_EQ(descriptors, openDescriptors()) << c.first;
     struct sigaction now {};
@@ -204,7 +194,7 @@ TEST(Pipe, FailuresLeaveNoCatcherHandlerOrDescriptorBehind) {
   early.setInput(kStreamPipe, feed(input, 1 << 20, &done));
   early.setOutput(kStreamPipe, appendTo(out));
   EXPECT_EQ("write: "s + std::strerror(EPIPE),
-            thrown<zanth::SystemError>([&] { early.run(); }))
+            testing_support::thrownWhat<zanth::SystemError>([&] { early.run(); }))
       << "a reader quitting early is an error, not the death of this process";
   struct sigaction now {};
   sigaction(SIGPIPE, nullptr, &now);
@@ -214,17 +204,17 @@ TEST(Pipe, FailuresLeaveNoCatcherHandlerOrDescriptorBehind) {
 TEST(Pipe, MisuseIsRefused) {
   Pipe pipe;
   EXPECT_EQ("No processes to launch were assigned so far",
-            thrown<std::logic_error>([&] { pipe.run(); }));
+            testing_support::thrownWhat<std::logic_error>([&] { pipe.run(); }));
   pipe.addProcess(sh("exit 0"));
   pipe.run();
-  EXPECT_EQ("the pipe has been launched already", thrown<std::logic_error>([&] { pipe.run(); }));
+  EXPECT_EQ("the pipe has been launched already", testing_support::thrownWhat<std::logic_error>([&] { pipe.run(); }));
   EXPECT_EQ("adding processes to the launched pipe is prohibited",
-            thrown<std::logic_error>([&] { pipe.addProcess(sh("exit 0")); }));
+            testing_support::thrownWhat<std::logic_error>([&] { pipe.addProcess(sh("exit 0")); }));
 
   Pipe unset;
   unset.addProcess(sh("echo text"));
   unset.setOutput(kStreamPipe);
-  EXPECT_EQ("call to empty boost::function", thrown<std::exception>([&] { unset.run(); }));
+  EXPECT_EQ("call to empty boost::function", testing_support::thrownWhat<std::exception>([&] { unset.run(); }));
 
   const std::pair<std::string, std::function<void(Pipe&, ProcessSpec&)>> settings[] = {
       {"invalid FD for stdin", [](Pipe& p, ProcessSpec&) { p.setInput(-5); }},
@@ -236,10 +226,10 @@ TEST(Pipe, MisuseIsRefused) {
     ProcessSpec spec = sh("exit 0");
     setting.second(bad, spec);
     bad.addProcess(spec);
-    EXPECT_EQ(setting.first, thrown<std::invalid_argument>([&] { bad.run(); }));
+    EXPECT_EQ(setting.first, testing_support::thrownWhat<std::invalid_argument>([&] { bad.run(); }));
   }
   SpawnState state;  // at process level -1 is no setting at all
-  EXPECT_EQ("invalid FD for stdin", thrown<std::invalid_argument>([&] {
+  EXPECT_EQ("invalid FD for stdin", testing_support::thrownWhat<std::invalid_argument>([&] {
               spawnProcess(state, {"/bin/true"}, "/bin/true", nullptr, nullptr, false, false,
                            false, {}, kStreamUnset, kStreamInherit, kStreamInherit);
             }));
@@ -266,7 +256,7 @@ int spawnWithHook(const boost::function<void(SpawnState&)>& hook, std::exception
 
 template <class E>
 std::string whatOf(const std::exception_ptr& caught) {
-  return thrown<E>([&] { if (caught) std::rethrow_exception(caught); });
+  return testing_support::thrownWhat<E>([&] { if (caught) std::rethrow_exception(caught); });
 }
 
 TEST(Spawn, ChildExitCodeAndParentExceptionNameTheKindOfFailure) {
