@@ -1,5 +1,8 @@
 #!/usr/bin/env bash
 # The demo proper; runs inside testing/sandbox.sh (see scripts/demo.sh).
+# Installs the tool into the sandbox's /usr, lays out a small sample mail
+# layer at the fixed paths, renames example.org to bücher.example and shows
+# every place before and after; then shows a failing rename and its undo.
 # Usage: demo-inside.sh BUILD_DIR
 set -uo pipefail
 build=$1
@@ -7,23 +10,117 @@ build=$1
 [ "${MXKEEP_SANDBOX:-}" = 1 ] || { echo "demo: run me through testing/sandbox.sh" >&2; exit 1; }
 cmake --install "$build" --prefix /usr >/dev/null || exit 1
 tool=/usr/sbin/mxkeep_domain_rename
+maps=/var/spool/postfix/zanth
+mailnames=/var/qmail/mailnames
+authdb=$maps/passwd.db
+handlers=/opt/orb/handlers
+domain_list=/var/lib/zanth/mail/local_domains
 
 banner() { printf '\n=== %s\n' "$*"; }
 
+# run ARGS...: runs the tool, showing its two streams apart and its status.
 run() {
-  printf '$ %s\n' "$*"
-  "$@"
-  printf '[exit status %d]\n' $?
+  printf '$ mxkeep_domain_rename'
+  printf ' %q' "$@"
+  printf '\n'
+  local out err status
+  out=$(mktemp) err=$(mktemp)
+  "$tool" "$@" >"$out" 2>"$err"
+  status=$?
+  sed 's/^/  stderr| /' "$err"
+  sed 's/^/  stdout| /' "$out"
+  printf '  [exit status %d]\n' "$status"
+  rm -f "$out" "$err"
 }
 
-banner "Argument checks"
-run "$tool" --help
-run "$tool" --help x
-run "$tool" -- -a b
-run "$tool" '' new.example
+map() {  # map NAME "key value" ...: writes a map source and compiles it
+  local name=$1; shift
+  printf '%s\n' "$@" > "$maps/$name"
+  postmap "hash:$maps/$name" && rm -f "$maps/$name"
+}
 
-banner "IDN conversion failure"
-run "$tool" example.org 'bad..name'
+mailbox() {  # mailbox DOMAIN USER
+  install -d -o root -g popuser -m 0750 "$mailnames/$1"
+  install -d -o popuser -g popuser -m 0700 "$mailnames/$1/$2" \
+    "$mailnames/$1/$2/Maildir" "$mailnames/$1/$2/Maildir/"{tmp,new,cur} "$mailnames/$1/$2/@attachments"
+}
+
+handler() {  # handler NAME TYPE TARGET HOOK: a stored handler, switched on
+  local name=$1 type=$2 target=$3 hook=$4 dir=$handlers/info/$1
+  install -d -m 0755 "$dir"
+  echo "$hook" > "$dir/hook"
+  echo "spam filter for $target" > "$dir/context"
+  echo "$type" > "$dir/handler-type"
+  if [ "$type" = global ]; then : > "$dir/global"; queue=$handlers/$hook/global
+  else echo "$target" > "$dir/$type"; queue=$handlers/$hook/$type/$target; fi
+  ln -s /bin/true "$dir/executable"
+  install -d -m 0755 "$queue"
+  : > "$queue/$name"
+}
+
+show_state() {
+  local m
+  for m in virtual_domains virtual vmailbox; do
+    echo "-- map $m (postmap -s):"
+    postmap -s "hash:$maps/$m" | sort | sed 's/^/   /'
+  done
+  echo "-- text sources left beside the maps: $(cd $maps && ls | grep -v -e '\.db$' -e '^passwd\.db$' | tr '\n' ' ')"
+  echo "-- mail directories:"
+  (cd $mailnames && find . -mindepth 1 -maxdepth 2 -printf '   %p  %u:%g %m\n' | sort)
+  echo "-- authentication database (domains; users):"
+  sqlite3 "$authdb" "SELECT '   ' || id || ' ' || name || ' status=' || status FROM domains ORDER BY id;"
+  sqlite3 "$authdb" "SELECT '   ' || u.name || '@' || d.name FROM users u JOIN domains d ON d.id = u.dom_id ORDER BY d.name, u.name;"
+  echo "-- plugin domain list $domain_list:"
+  sed 's/^/   /' "$domain_list"
+  echo "-- handlers (description: type target; switched on in):"
+  local h
+  for h in "$handlers"/info/*; do
+    local t; t=$(cat "$h/handler-type")
+    printf '   %s: %s %s; on in %s\n' "${h##*/}" "$t" "$(cat "$h/$t")" \
+      "$(cd $handlers && find . -path ./info -prune -o -type f -name "${h##*/}" -printf '%h ')"
+  done
+  echo "-- handler store refreshes so far: $(wc -l < /var/log/handlers-refresh.log 2>/dev/null || echo 0)"
+}
+
+banner "Sample mail layer"
+map virtual_domains "example.org VIRTUAL" "mail.example.org VIRTUAL" "other.example VIRTUAL"
+map virtual "info@example.org info@example.org" "sales@example.org info@example.org, boss@other.example" \
+  "@example.org info@example.org" "boss@other.example boss@other.example, info@example.org" \
+  "help@mail.example.org info@mail.example.org"
+map vmailbox "info@example.org example.org/info/" "boss@other.example other.example/boss/" \
+  "help@mail.example.org mail.example.org/help/"
+mailbox example.org info
+mailbox other.example boss
+mailbox mail.example.org help
+
+sqlite3 "$authdb" < "$(dirname "$0")/demo-authdb.sql"
+install -d /var/lib/zanth/mail
+printf 'example.org\nmail.example.org\nother.example\n' > "$domain_list"
+
+handler 10-spam-Ab3xYz recipient info@example.org before-queue
+handler 20-virus-Qw12er recipient-domain example.org before-queue
+handler 10-spam-Zz9Yy8 recipient boss@other.example before-queue
+handler 5-archive-Gl0bAl global "" after-queue
+cat > /usr/lib/zanth-9.0/handlers-tmpfs <<'SH'
+#!/bin/sh
+echo "$*" >> /var/log/handlers-refresh.log
+SH
+chmod 0755 /usr/lib/zanth-9.0/handlers-tmpfs
+show_state
+
+banner "Argument checks"
+run --help
+run --help x
+run -- -a b
+run '' new.example
 
 banner "Renaming example.org to bücher.example"
-run "$tool" example.org bücher.example
+run example.org bücher.example
+show_state
+
+banner "A rename that fails late: the new name is taken in the authentication database"
+sqlite3 "$authdb" "INSERT INTO domains (name) VALUES ('shop.example');"
+run bücher.example shop.example
+echo "(maps stay under the new name, the mail directory is back under the old one,"
+echo " the authentication database is unchanged: the tool's documented end state)"
+show_state

@@ -42,6 +42,17 @@ bool pathExists(const std::string& path);
 // Runs a shell command line with /bin/sh -c; returns the wait status.
 RunResult shell(const std::string& command);
 
+// The what() of the E that f throws, or "<nothing thrown>".
+template <class E, class F>
+std::string thrownWhat(F f) {
+  try {
+    f();
+  } catch (const E& e) {
+    return e.what();
+  }
+  return "<nothing thrown>";
+}
+
 // A fresh directory under /tmp, removed with its contents on destruction.
 class TempDir {
  public:

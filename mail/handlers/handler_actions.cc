@@ -1,0 +1,287 @@
+// Handler actions and mass operations over the handler store, and the
+// refresh of its fast copy. A handler is switched on by an empty entry file
+// in the queue directory of its hook, type and stored target; every change
+// is followed by a refresh and the removal of an emptied queue directory.
+#include "mail/handlers/handler_actions.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/file_util.h"
+#include "common/mail_log.h"
+#include "common/syscall.h"
+#include "common/util_exec.h"
+#include "mail/handlers/handler_store.h"
+
+using zanth::path_format;
+using zanth::handlers::OwnedString;
+
+namespace {
+
+constexpr int kLogErr = 3;
+constexpr uid_t kQueueOwner = 0;
+constexpr gid_t kQueueGroup = 0;
+constexpr mode_t kQueueMode = 0755;
+
+// Where a stored handler lives: its type, hook, queue directory and entry.
+struct Location {
+  OwnedString type;
+  OwnedString hook;
+  const char* type_name = nullptr;
+  char queue[zanth::kPathMax];
+  char entry[zanth::kPathMax];
+};
+
+// Reads the handler's type and hook and forms its queue paths; the queue is
+// always that of the stored target, whatever new target an action carries.
+bool locate(const char* name, Location* loc) {
+  loc->type.reset(handler_param(name, "handler-type"));
+  if (!loc->type) {
+    mail_log(kLogErr, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
+    return false;
+  }
+  unsigned code = handler_type_code(loc->type.get());
+  if (code == kHandlerTypeUnknown) {
+    mail_log(kLogErr, "Invalid handler type '%s' for handler '%s'", loc->type.get(), name);
+    return false;
+  }
+  loc->type_name = handler_type_name(code);
+  loc->hook.reset(handler_param(name, "hook"));
+  if (!loc->hook) {
+    mail_log(kLogErr, "Unable to fetch 'hook' parameter value for handler '%s'", name);
+    return false;
+  }
+  bool formed;
+  if (code == kHandlerGlobal) {
+    formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s", kHandlersQueueRoot,
+                         loc->hook.get(), loc->type_name);
+  } else {
+    OwnedString target(handler_param(name, loc->type_name));
+    if (!target) {
+      mail_log(kLogErr, "Unable to fetch '%s' parameter value for handler '%s'", loc->type_name,
+               name);
+      return false;
+    }
+    formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s/%s", kHandlersQueueRoot,
+                         loc->hook.get(), loc->type_name, target.get());
+  }
+  if (!formed) {
+    mail_log(kLogErr,
+             "handler parameters values are too long to form a valid filesystem object name");
+    return false;
+  }
+  if (!path_format(loc->entry, sizeof loc->entry, "%s/%s", loc->queue, name)) {
+    mail_log(kLogErr, "handler name is too long to form a valid filesystem object name");
+    return false;
+  }
+  return true;
+}
+
+bool exists(const char* path) {
+  struct stat st;
+  return ::lstat(path, &st) == 0;
+}
+
+int switchOn(const Location& loc) {
+  if (make_dirs_owned(loc.queue, kQueueOwner, kQueueGroup, kQueueMode) != 0) {
+    mail_log(kLogErr, "Unable to create directory '%s'", loc.queue);
+  }
+  return create_truncate_file(loc.entry);
+}
+
+int switchOff(const Location& loc) {
+  if (exists(loc.entry) && ::unlink(loc.entry) != 0) {
+    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook.get(),
+             loc.queue, std::strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+// Switches the handler off and deletes its description directory.
+int removeHandler(const char* name, const Location& loc) {
+  if (switchOff(loc) != 0) return -1;
+  char description[zanth::kPathMax];
+  if (!path_format(description, sizeof description, "%s/%s", kHandlersInfoRoot, name)) {
+    mail_log(kLogErr, "handler name is too long to form a valid filesystem object name");
+    return -1;
+  }
+  remove_tree(description, 1);
+  return 0;
+}
+
+// Makes a switched-on copy of the handler for target. When a handler of the
+// same template, type and hook already serves target, nothing is created;
+// *is_self then tells whether that handler is this very one.
+int retarget(const char* name, const Location& loc, const char* target, bool* is_self) {
+  *is_self = false;
+  OwnedString tmpl(handler_template(name));
+  if (!tmpl) return -1;
+  OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
+  if (existing) {
+    *is_self = std::strcmp(existing.get(), name) == 0;
+    return 0;
+  }
+  OwnedString priority(handler_priority(name));
+  OwnedString executable(handler_executable(name));
+  OwnedString context(handler_param(name, "context"));
+  if (!priority || !executable || !context) return -1;
+  return handler_add(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
+                     loc.hook.get(), priority.get(), kHandlerSwitchOn);
+}
+
+// Acts on one entry of a mass operation; logs and counts a failure.
+void actCounted(const char* name, const char* target, int action, int* errors) {
+  if (handler_action(name, target, action) != 0) {
+    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    ++*errors;
+  }
+}
+
+int massResult(int errors) {
+  if (errors == 0) return 0;
+  mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
+  return -1;
+}
+
+bool isDotEntry(const char* name) {
+  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+}  // namespace
+
+int handler_action(const char* name, const char* new_target, int action) {
+  if (name == nullptr) name = "(null)";
+  Location loc;
+  if (!locate(name, &loc)) return -1;
+
+  int result = 0;
+  bool is_self = false;
+  switch (action) {
+    case kHandlerRemove:
+      if (removeHandler(name, loc) != 0) return -1;
+      break;
+    case kHandlerSwitchOn:
+      result = switchOn(loc);
+      break;
+    case kHandlerSwitchOff:
+      if (switchOff(loc) != 0) return -1;
+      break;
+    case kHandlerQuery:
+      return exists(loc.entry) ? 1 : 0;
+    case kHandlerRetarget:
+      result = retarget(name, loc, new_target, &is_self);
+      break;
+    case kHandlerRename:
+      result = retarget(name, loc, new_target, &is_self);
+      // Renaming to the target the handler already has must not delete it.
+      if (result == 0 && !is_self && removeHandler(name, loc) != 0) return -1;
+      break;
+    default:
+      mail_log(kLogErr, "UKNOWN ACTION %d requested for handler %s", action, name);
+      result = -1;
+      break;
+  }
+  handlers_refresh();
+  // Drop the queue directory when this left it empty; anything else keeps it.
+  int saved_errno = errno;
+  ::rmdir(loc.queue);
+  errno = saved_errno;
+  return result;
+}
+
+int handlers_act_on_target(const char* target, const char* new_target, int action) {
+  if (target == nullptr) {
+    mail_log(kLogErr, "Some parameter was not defined");
+    return -1;
+  }
+  const bool domain_mode = std::strchr(target, '@') == nullptr;
+  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
+  if (dir.get() == nullptr) {
+    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    return -1;
+  }
+  int errors = 0;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const char* name = entry->d_name;
+    if (isDotEntry(name)) continue;
+    OwnedString type(handler_param(name, "handler-type"));
+    if (!type) {
+      mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
+      ++errors;
+      continue;
+    }
+    // For a global handler this reads its empty "global" flag: no match.
+    OwnedString value(handler_param(name, type.get()));
+    if (!value) {
+      mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+      ++errors;
+      continue;
+    }
+    if (std::strcmp(value.get(), target) == 0) {
+      actCounted(name, new_target, action, &errors);
+      continue;
+    }
+    if (!domain_mode) continue;
+    const char* at = std::strchr(value.get(), '@');
+    if (at == nullptr || std::strcmp(at + 1, target) != 0) continue;
+    if (new_target == nullptr) {
+      actCounted(name, nullptr, action, &errors);
+      continue;
+    }
+    char address[zanth::kPathMax];
+    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value.get()),
+                     value.get(), new_target)) {
+      mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+      ++errors;
+      continue;
+    }
+    actCounted(name, address, action, &errors);
+  }
+  return massResult(errors);
+}
+
+int handlers_act_on_template(const char* tmpl, int action) {
+  if (tmpl == nullptr) {
+    mail_log(kLogErr, "Some parameter was not defined");
+    return -1;
+  }
+  const bool all = std::strcmp(tmpl, "all") == 0;
+  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
+  if (dir.get() == nullptr) {
+    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    return -1;
+  }
+  int errors = 0;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const char* name = entry->d_name;
+    if (isDotEntry(name)) continue;
+    if (!all) {
+      OwnedString own(handler_template(name));
+      if (!own) {
+        ++errors;
+        continue;
+      }
+      if (std::strcmp(own.get(), tmpl) != 0) continue;
+    }
+    actCounted(name, nullptr, action, &errors);
+  }
+  return massResult(errors);
+}
+
+int handlers_refresh() {
+  struct stat st;
+  int rc = ::stat(kHandlersRefreshProgram, &st);
+  if (rc != 0 || !S_ISREG(st.st_mode) || (st.st_mode & S_IXUSR) == 0) return rc;
+  char program[zanth::kPathMax];
+  char refresh[] = "refresh";
+  if (!path_format(program, sizeof program, "%s", kHandlersRefreshProgram)) return -1;
+  char* argv[] = {program, refresh, nullptr};
+  int result = exec_capture_report(kHandlersRefreshProgram, argv, 0);
+  if (result != 0) mail_log(kLogErr, "Cannot sync tmps storage to fs");
+  return result;
+}

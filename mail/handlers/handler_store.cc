@@ -1,0 +1,443 @@
+// Handler store: naming, parameter files, creation, search, update and
+// ordering of handler descriptions under the info root. Every failure is
+// logged once here through mail_log; callers pass the result up silently.
+#include "mail/handlers/handler_store.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "common/file_util.h"
+#include "common/mail_log.h"
+#include "common/syscall.h"
+#include "mail/handlers/handler_actions.h"
+
+using zanth::path_format;
+using zanth::handlers::OwnedString;
+
+namespace {
+
+constexpr int kLogErr = 3;
+constexpr int kLogWarning = 4;
+constexpr mode_t kDescriptionMode = 0755;
+constexpr mode_t kParamMode = 0644;
+
+const char* const kTypeNames[] = {"sender", "recipient", "sender-domain", "recipient-domain",
+                                  "global"};
+
+// printf of a null string is undefined; the store's messages say "(null)".
+const char* shown(const char* s) { return s != nullptr ? s : "(null)"; }
+
+bool empty(const char* s) { return s == nullptr || *s == '\0'; }
+
+// Parts of a handler name "priority-template-random": the priority ends at
+// the first "-", the random part starts after the last one.
+struct NameParts {
+  size_t priority_len;
+  const char* tmpl;
+  size_t tmpl_len;
+  const char* random;
+};
+
+enum class Split { kOk, kNoPriority, kNoRandom, kEmptyTemplate };
+
+Split splitName(const char* name, NameParts* parts) {
+  const char* first = name != nullptr ? std::strchr(name, '-') : nullptr;
+  if (first == nullptr) return Split::kNoPriority;
+  const char* last = std::strrchr(name, '-');
+  if (last == first) return Split::kNoRandom;
+  if (last == first + 1) return Split::kEmptyTemplate;
+  parts->priority_len = static_cast<size_t>(first - name);
+  parts->tmpl = first + 1;
+  parts->tmpl_len = static_cast<size_t>(last - first - 1);
+  parts->random = last + 1;
+  return Split::kOk;
+}
+
+// Splits name, logging why it cannot be split.
+bool splitLogged(const char* name, NameParts* parts) {
+  switch (splitName(name, parts)) {
+    case Split::kOk:
+      return true;
+    case Split::kNoPriority:
+      mail_log(kLogErr, "Invalid handler name '%s': missing priority section", shown(name));
+      break;
+    case Split::kNoRandom:
+      mail_log(kLogErr, "Invalid handler name '%s': missing random part", name);
+      break;
+    case Split::kEmptyTemplate:
+      mail_log(kLogErr, "Invalid handler name '%s': empty template part", name);
+      break;
+  }
+  return false;
+}
+
+char* copyPart(const char* start, size_t len) {
+  char* copy = strndup(start, len);
+  if (copy == nullptr) mail_log(kLogErr, "Insufficient memory");
+  return copy;
+}
+
+// Reads one parameter value; false when the file cannot be read (the file
+// helper has reported why).
+bool readValue(const char* path, char (&value)[kHandlerParamMax]) {
+  return read_first_line(value, sizeof value, path) == 0;
+}
+
+// Appends "value\n" to an existing file.
+bool appendLine(const char* path, const char* value) {
+  zanth::UniqueFd fd(
+      zanth::retryEintr([&] { return ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC); }));
+  if (fd.get() < 0) return false;
+  for (const char* chunk : {value, "\n"}) {
+    size_t left = std::strlen(chunk);
+    while (left > 0) {
+      ssize_t n = zanth::retryEintr([&] { return ::write(fd.get(), chunk, left); });
+      if (n < 0) return false;
+      chunk += n;
+      left -= static_cast<size_t>(n);
+    }
+  }
+  return ::close(fd.release()) == 0;
+}
+
+// Template part of name copied into buf for strcoll; names on disk are far
+// shorter than the buffer, longer ones compare by their first kPathMax - 1.
+void templateOf(const NameParts& parts, char (&buf)[zanth::kPathMax]) {
+  size_t len = parts.tmpl_len < sizeof buf ? parts.tmpl_len : sizeof buf - 1;
+  std::memcpy(buf, parts.tmpl, len);
+  buf[len] = '\0';
+}
+
+int compareNames(const void* a, const void* b) {
+  const char* x = *static_cast<char* const*>(a);
+  const char* y = *static_cast<char* const*>(b);
+  NameParts px, py;
+  if (splitName(x, &px) != Split::kOk || splitName(y, &py) != Split::kOk) {
+    mail_log(kLogErr, "Unable to split handlers name. Skipping sorting handlers..");
+    return 0;
+  }
+  int prio_x = 0, prio_y = 0;
+  std::sscanf(x, "%i", &prio_x);
+  std::sscanf(y, "%i", &prio_y);
+  if (prio_x != prio_y) return prio_x < prio_y ? -1 : 1;
+  char tx[zanth::kPathMax], ty[zanth::kPathMax];
+  templateOf(px, tx);
+  templateOf(py, ty);
+  int by_template = std::strcoll(tx, ty);
+  if (by_template != 0) return by_template;
+  return std::strcoll(px.random, py.random);
+}
+
+}  // namespace
+
+unsigned handler_type_code(const char* type_name) {
+  if (empty(type_name)) return kHandlerTypeUnknown;
+  for (unsigned code = 0; code < sizeof kTypeNames / sizeof kTypeNames[0]; ++code) {
+    if (strcasecmp(type_name, kTypeNames[code]) == 0) return code;
+  }
+  return kHandlerTypeUnknown;
+}
+
+const char* handler_type_name(unsigned code) {
+  return code <= kHandlerGlobal ? kTypeNames[code] : nullptr;
+}
+
+char* handler_priority(const char* name) {
+  NameParts parts;
+  if (!splitLogged(name, &parts)) return nullptr;
+  return copyPart(name, parts.priority_len);
+}
+
+char* handler_template(const char* name) {
+  NameParts parts;
+  if (!splitLogged(name, &parts)) return nullptr;
+  return copyPart(parts.tmpl, parts.tmpl_len);
+}
+
+char* handler_param(const char* name, const char* param) {
+  char path[zanth::kPathMax];
+  if (!path_format(path, sizeof path, "%s/%s/%s", kHandlersInfoRoot, shown(name), shown(param))) {
+    mail_log(kLogErr,
+             "either handler name '%s' or param '%s' are too long to be stored in the filesystem",
+             shown(name), shown(param));
+    return nullptr;
+  }
+  struct stat st;
+  if (::stat(path, &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+    mail_log(kLogErr, "No such parameter '%s' for handler '%s'", shown(param), shown(name));
+    return nullptr;
+  }
+  char value[kHandlerParamMax];
+  if (!readValue(path, value)) {
+    mail_log(kLogErr, "Unable to get string from file: %s\n", path);
+    return nullptr;
+  }
+  char* copy = strdup(value);
+  if (copy == nullptr)
+    mail_log(kLogErr, "Unable to allocate sufficient memory: %s", std::strerror(errno));
+  return copy;
+}
+
+char* handler_executable(const char* name) {
+  char link[zanth::kPathMax];
+  if (!path_format(link, sizeof link, "%s/%s/executable", kHandlersInfoRoot, shown(name))) {
+    mail_log(kLogErr, "HandlerName '%s' is too long to form a valid hook filename", shown(name));
+    return nullptr;
+  }
+  OwnedString resolved(static_cast<char*>(std::malloc(zanth::kPathMax)));
+  if (!resolved) {
+    mail_log(kLogErr, "Insufficient memory");
+    return nullptr;
+  }
+  if (::realpath(link, resolved.get()) == nullptr) {
+    mail_log(kLogErr, "Unable to get executable file name for handler\n");
+    return nullptr;
+  }
+  return resolved.release();
+}
+
+int handler_store_param(const char* dir, const char* file, const char* value) {
+  if (empty(value)) return 0;
+  char path[zanth::kPathMax];
+  if (!path_format(path, sizeof path, "%s/%s", shown(dir), shown(file))) {
+    mail_log(kLogErr, "Unable to create file '%s/%s'", shown(dir), shown(file));
+    return -1;
+  }
+  if (create_truncate_file(path) != 0) {
+    mail_log(kLogErr, "Unable to create file '%s'", path);
+    return -1;
+  }
+  if (!appendLine(path, value)) {
+    mail_log(kLogErr, "Unable to add string '%s' to '%s'", value, path);
+    return -1;
+  }
+  // The file may have existed with other permissions; readers need 0644.
+  if (::chmod(path, kParamMode) != 0) {
+    mail_log(kLogErr, "Unable to create file '%s'", path);
+    return -1;
+  }
+  return 0;
+}
+
+int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
+                const char* context, const char* hook, const char* priority, int final_action) {
+  struct stat st;
+  if (executable == nullptr) errno = EFAULT;
+  if (executable == nullptr || ::stat(executable, &st) != 0) {
+    mail_log(kLogErr, "Unable to stat executable '%s': %s", shown(executable),
+             std::strerror(errno));
+    return -1;
+  }
+  unsigned code = handler_type_code(type_name);
+  if (code == kHandlerTypeUnknown) {
+    mail_log(kLogErr, "Handler type is invalid: %s", shown(type_name));
+    return -1;
+  }
+  if (code != kHandlerGlobal && empty(target)) {
+    mail_log(kLogErr, "HandlerTypeName parameter is not defined");
+    return -1;
+  }
+  const char* canonical = kTypeNames[code];
+
+  char dir[zanth::kPathMax];
+  if (!path_format(dir, sizeof dir, "%s/%s-%s-XXXXXX", kHandlersInfoRoot, shown(priority),
+                   shown(tmpl))) {
+    mail_log(kLogErr,
+             "Name template '%s' or priority '%s' are too long to form a valid handler name",
+             shown(tmpl), shown(priority));
+    return -1;
+  }
+  if (::mkdtemp(dir) == nullptr) {
+    mail_log(kLogErr, "Unable to create directory %s: %s", dir, std::strerror(errno));
+    return -1;
+  }
+  if (::chmod(dir, kDescriptionMode) != 0) {
+    mail_log(kLogErr, "Unable to change permissions for directory '%s': %s", dir,
+             std::strerror(errno));
+    return -1;
+  }
+  if (handler_store_param(dir, "hook", hook) != 0 ||
+      handler_store_param(dir, "context", context) != 0 ||
+      handler_store_param(dir, "handler-type", canonical) != 0) {
+    mail_log(kLogErr, "Unable to store handler parameters into directory '%s'", dir);
+    return -1;
+  }
+  // A global handler has no target: its "global" file must stay empty.
+  if (code != kHandlerGlobal) {
+    OwnedString lower(strdup(target));
+    if (!lower) {
+      mail_log(kLogErr, "Unable to convert HandlerTypeName to lowercase");
+      return -1;
+    }
+    for (char* p = lower.get(); *p != '\0'; ++p)
+      *p = static_cast<char>(std::tolower(static_cast<unsigned char>(*p)));
+    if (handler_store_param(dir, canonical, lower.get()) != 0) {
+      mail_log(kLogErr, "Unable to store handler parameters into directory '%s'", dir);
+      return -1;
+    }
+  } else {
+    char flag[zanth::kPathMax];
+    if (!path_format(flag, sizeof flag, "%s/global", dir)) {
+      mail_log(kLogErr, "global handler flag name is too long to be stored in the filesystem");
+      return -1;
+    }
+    if (create_file(flag) != 0) {
+      mail_log(kLogErr, "Unable to create file '%s'", flag);
+      return -1;
+    }
+  }
+  char link[zanth::kPathMax];
+  if (!path_format(link, sizeof link, "%s/executable", dir)) {
+    mail_log(kLogErr, "executable link name is too long to be stored in the filesystem");
+    return -1;
+  }
+  if (::symlink(executable, link) != 0 && errno != EEXIST) {
+    mail_log(kLogErr, "Unable to symlink '%s' to '%s'", executable, link);
+    return -1;
+  }
+  return handler_action(dir + std::strlen(kHandlersInfoRoot) + 1, nullptr, final_action);
+}
+
+char* handler_find(const char* tmpl, const char* type_name, const char* target, const char* hook) {
+  if (empty(tmpl) || empty(hook)) {
+    mail_log(kLogErr, "Some parameter(s) were not defined");
+    return nullptr;
+  }
+  unsigned code = handler_type_code(type_name);
+  if (code == kHandlerTypeUnknown) {
+    mail_log(kLogErr, "Invalid handler type '%s'", shown(type_name));
+    return nullptr;
+  }
+  if (code != kHandlerGlobal && empty(target)) {
+    mail_log(kLogErr, "Some parameter was not defined");
+    return nullptr;
+  }
+  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
+  if (dir.get() == nullptr) {
+    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    return nullptr;
+  }
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const char* name = entry->d_name;
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+    // A plain substring test, not the parsed template part: "spam" also
+    // finds "10-antispam-Ab3xYz". Callers rely on this looser match.
+    if (std::strstr(name, tmpl) == nullptr) continue;
+
+    char path[zanth::kPathMax];
+    char value[kHandlerParamMax];
+    if (!path_format(path, sizeof path, "%s/%s/hook", kHandlersInfoRoot, name)) {
+      mail_log(kLogErr, "Path '%s/%s/hook' is too long to be stored in the filesystem",
+               kHandlersInfoRoot, name);
+      return nullptr;
+    }
+    if (!readValue(path, value)) {
+      mail_log(kLogErr, "Unable to get string from file: %s\n", path);
+      return nullptr;
+    }
+    if (std::strcmp(value, hook) != 0) continue;
+
+    if (!path_format(path, sizeof path, "%s/%s/handler-type", kHandlersInfoRoot, name)) {
+      mail_log(kLogErr, "Path '%s/%s/handler-type' is too long to be stored in the filesystem",
+               kHandlersInfoRoot, name);
+      return nullptr;
+    }
+    if (!readValue(path, value)) return nullptr;
+    if (std::strcmp(value, type_name) != 0) continue;
+
+    if (code != kHandlerGlobal) {
+      if (!path_format(path, sizeof path, "%s/%s/%s", kHandlersInfoRoot, name, type_name)) {
+        mail_log(kLogErr, "Path '%s/%s/%s' is too long to be stored in the filesystem",
+                 kHandlersInfoRoot, name, type_name);
+        return nullptr;
+      }
+      if (!readValue(path, value)) return nullptr;
+      if (strcasecmp(value, target) != 0) continue;
+    }
+    char* found = strdup(name);
+    if (found == nullptr) mail_log(kLogErr, "Insufficient memory");
+    return found;
+  }
+  return nullptr;
+}
+
+int handler_update(const char* tmpl, const char* type_name, const char* target,
+                   const char* new_executable, const char* new_context, const char* hook,
+                   const char* new_priority) {
+  OwnedString name(handler_find(tmpl, type_name, target, hook));
+  if (!name) {
+    mail_log(kLogErr, "Handler %s for %s does not exist in queue %s", shown(tmpl), shown(target),
+             shown(hook));
+    return -1;
+  }
+  char executable[zanth::kPathMax] = "";
+  if (!empty(new_executable)) {
+    struct stat st;
+    if (::stat(new_executable, &st) != 0) {
+      mail_log(kLogErr, "Unable to stat executable '%s': %s", new_executable, std::strerror(errno));
+      return -1;
+    }
+    if (!path_format(executable, sizeof executable, "%s", new_executable)) {
+      mail_log(kLogErr, "Unable to stat executable '%s': %s", new_executable,
+               std::strerror(ENAMETOOLONG));
+      return -1;
+    }
+  } else {
+    char link[zanth::kPathMax];
+    if (!path_format(link, sizeof link, "%s/%s/executable", kHandlersInfoRoot, name.get())) {
+      mail_log(kLogErr, "handler name '%s' is too long to form a valid filesystem object name",
+               name.get());
+      return -1;
+    }
+    ssize_t n = ::readlink(link, executable, sizeof executable - 1);
+    if (n < 0) {
+      // Only a warning: handler_add below reports the missing program.
+      mail_log(kLogWarning, "Unable to fetch executable link target: %s", std::strerror(errno));
+      n = 0;
+    }
+    executable[n] = '\0';
+  }
+  OwnedString old_context;
+  const char* context = new_context;
+  if (empty(new_context)) {
+    // An empty context was never written; that is not worth a message.
+    char path[zanth::kPathMax];
+    struct stat st;
+    if (path_format(path, sizeof path, "%s/%s/context", kHandlersInfoRoot, name.get()) &&
+        ::lstat(path, &st) == 0) {
+      old_context.reset(handler_param(name.get(), "context"));
+      context = old_context.get();
+    }
+  }
+  OwnedString old_priority;
+  const char* priority = new_priority;
+  if (empty(new_priority)) {
+    old_priority.reset(handler_priority(name.get()));
+    if (!old_priority) return -1;
+    priority = old_priority.get();
+  }
+  // The handler keeps its own template part even when tmpl matched only a
+  // substring of its name.
+  OwnedString own_template(handler_template(name.get()));
+  if (!own_template) return -1;
+
+  int final_action = handler_action(name.get(), nullptr, kHandlerQuery) == 1 ? kHandlerSwitchOn
+                                                                             : kHandlerSwitchOff;
+  if (handler_action(name.get(), nullptr, kHandlerRemove) != 0) return -1;
+  return handler_add(own_template.get(), type_name, target, executable, context, hook, priority,
+                     final_action);
+}
+
+void handler_sort(char** names, size_t count) {
+  if (names == nullptr || count < 2) return;
+  std::qsort(names, count, sizeof names[0], compareNames);
+}

@@ -1,0 +1,142 @@
+// Rename plugin runner: walks the plugin directory and runs each module in
+// a forked child (no exec: the child keeps this process's image, loads the
+// module, calls it once and exits with its result), so nothing a plugin
+// does to memory, or a crash, reaches the rename tool itself.
+#include "mail/plugins/plugin_runner.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include "common/errors.h"
+#include "common/syscall.h"
+#include "mail/plugins/rename_plugin.h"
+
+namespace {
+
+// Owns a dlopen handle; dlclose on destruction (its error has nobody to go
+// to once the plugin has been called, and is ignored).
+class DlHandle {
+ public:
+  explicit DlHandle(void* handle) : handle_(handle) {}
+  DlHandle(const DlHandle&) = delete;
+  DlHandle& operator=(const DlHandle&) = delete;
+  ~DlHandle() {
+    if (handle_ != nullptr) ::dlclose(handle_);
+  }
+  void* get() const { return handle_; }
+
+ private:
+  void* const handle_;
+};
+
+// flush_all - write out everything buffered, so that a forked child cannot
+// print it a second time.
+void flush_all() {
+  zanth::errorStream.flush();
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(nullptr);
+}
+
+}  // namespace
+
+void plugin_log(int priority, const char* format, ...) {
+  if (priority >= LOG_WARNING) return;
+  int saved_errno = errno;
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stderr, format, args);
+  va_end(args);
+  errno = saved_errno;
+}
+
+int call_plugin(const char* path, const char* old_domain, const char* new_domain) {
+  DlHandle module(::dlopen(path, RTLD_LAZY));
+  if (module.get() == nullptr) {
+    plugin_log(LOG_ERR, "cannop load '%s' plugin: %s", path, ::dlerror());
+    return 0;
+  }
+  ::dlerror();
+  void* entry = ::dlsym(module.get(), kRenamePluginEntry);
+  if (const char* error = ::dlerror()) {
+    plugin_log(LOG_INFO, "plugin '%s' doesn't provide required 'rename_domain': %s", path, error);
+    return 0;
+  }
+  return reinterpret_cast<rename_domain_fn>(entry)(old_domain, new_domain);
+}
+
+int run_plugin_in_child(const char* path, const char* old_domain, const char* new_domain) {
+  flush_all();
+  pid_t pid = ::fork();
+  if (pid < 0) {
+    plugin_log(LOG_ERR, "cannot fork: %s\n", std::strerror(errno));
+    return 1;
+  }
+  if (pid == 0) {
+    int result = call_plugin(path, old_domain, new_domain);
+    // The module has been unloaded, its destructors have run; what it
+    // printed is flushed here. _exit rather than exit: the atexit handlers
+    // and static destructors are this process's, not the plugin's.
+    std::fflush(nullptr);
+    _exit(result);
+  }
+
+  int status = 0;
+  if (zanth::retryEintr([&] { return ::waitpid(pid, &status, 0); }) <= 0) {
+    plugin_log(LOG_ERR, "waitpid failed: %s\n", std::strerror(errno));
+    return 1;
+  }
+  if (WIFSIGNALED(status)) {
+    plugin_log(LOG_ERR, "child killed by signal: %d\n", WTERMSIG(status));
+    return 1;
+  }
+  if (!WIFEXITED(status)) {
+    plugin_log(LOG_ERR, "unknown child behavior");
+    return 1;
+  }
+  plugin_log(LOG_DEBUG, "child exited with status: %d\n", WEXITSTATUS(status));
+  return WEXITSTATUS(status) != 0 ? 1 : 0;
+}
+
+int run_rename_plugins(const char* old_domain, const char* new_domain) {
+  struct stat st;
+  if (::stat(kRenamePluginDir, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    plugin_log(LOG_ERR, "plugin directory '%s' not exists or not directory", kRenamePluginDir);
+    return 1;
+  }
+  zanth::UniqueDir dir(::opendir(kRenamePluginDir));
+  if (dir.get() == nullptr) {
+    plugin_log(LOG_ERR, "cannot open plugins dir '%s'", kRenamePluginDir);
+    return 1;
+  }
+
+  char path[zanth::kPathMax];
+  while (const struct dirent* entry = ::readdir(dir.get())) {
+    if (!zanth::path_format(path, sizeof path, "%s/%s", kRenamePluginDir, entry->d_name)) {
+      plugin_log(LOG_ERR, "path '%s/%s' is too long", kRenamePluginDir, entry->d_name);
+      return 1;
+    }
+    // Names, suffixes and modes do not matter: whatever is a regular file
+    // once links are followed is a plugin.
+    if (::stat(path, &st) != 0 || !S_ISREG(st.st_mode)) continue;
+
+    plugin_log(LOG_DEBUG, "call plugin '%s'", path);
+    int status = run_plugin_in_child(path, old_domain, new_domain);
+    if (status != 0) {
+      plugin_log(LOG_ERR, "plugin '%s' failed with status '%d'\n", entry->d_name, status);
+      return 1;
+    }
+    plugin_log(LOG_DEBUG, "plugin '%s' succeeded", path);
+  }
+  return 0;
+}

@@ -1,0 +1,32 @@
+// Rename plugins: services that keep their own copy of mail domain names
+// drop a loadable module into the plugin directory; on a domain rename each
+// module is run, one after another, in a child process of its own, and the
+// run stops at the first that fails. Procedural: results are 0 / 1, and
+// diagnostics go to standard error through plugin_log.
+#ifndef MXKEEP_MAIL_PLUGINS_PLUGIN_RUNNER_H
+#define MXKEEP_MAIL_PLUGINS_PLUGIN_RUNNER_H
+
+// Where the plugins live. A missing directory fails the rename.
+constexpr char kRenamePluginDir[] = "/usr/lib/zanth-9.0/domain_rename";
+
+// run_rename_plugins - run every regular file of the plugin directory (in
+// directory order, symbolic links followed) as a plugin. 0 when all
+// succeeded or there were none; 1 on the first failure or a directory
+// problem, and the plugins after it are not run.
+int run_rename_plugins(const char* old_domain, const char* new_domain);
+
+// run_plugin_in_child - fork, run call_plugin in the child and wait for
+// it. 0 when the child exited with status 0, 1 otherwise.
+int run_plugin_in_child(const char* path, const char* old_domain, const char* new_domain);
+
+// call_plugin - load the module at path and call its entry point; the
+// entry point's result. A file that cannot be loaded or lacks the entry
+// point gives 0: it is not taken for a failing plugin.
+int call_plugin(const char* path, const char* old_domain, const char* new_domain);
+
+// plugin_log - print a message to standard error, as it is (no newline
+// added), when priority is a syslog level below LOG_WARNING; others are
+// dropped.
+void plugin_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+#endif  // MXKEEP_MAIL_PLUGINS_PLUGIN_RUNNER_H
