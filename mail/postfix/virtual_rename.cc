@@ -1,0 +1,107 @@
+// Domain rename in the three virtual maps and the mail directory, with one
+// undo guard per rewritten map and the command's guard around the step.
+// Guards decide by the process-wide "exception in flight" test, on purpose:
+// see renameDomain in the header for the outcome during the command's undo.
+#include "mail/postfix/virtual_rename.h"
+
+#include <ostream>
+
+#include "common/errors.h"
+#include "mail/postfix/database/filters.h"
+#include "mail/postfix/database/map_update.h"
+#include "mail/postfix/mail_dirs.h"
+
+namespace zanth {
+namespace mail {
+namespace postfix {
+
+const char* const kVirtualDomainsMap = "hash:/var/spool/postfix/zanth/virtual_domains";
+const char* const kVirtualMap = "hash:/var/spool/postfix/zanth/virtual";
+const char* const kVmailboxMap = "hash:/var/spool/postfix/zanth/vmailbox";
+
+const char* const kCriticalRestoreHead = "CRITICAL ERROR: Unable to properly restore";
+const char* const kCriticalRestoreTail =
+    " used by Zanth.\n"
+    "Mail system may be not usable at the moment and it cannot be repaired automatically.\n"
+    "Constact Quillon support to resolve this issue.";
+const char* const kVirtualDomainsDatabase = "Postfix Virtual Domains Database";
+
+void writeCriticalRestoreMessage(const char* object) {
+  errorStream << kCriticalRestoreHead << ' ' << object << kCriticalRestoreTail << std::endl;
+}
+
+namespace {
+
+namespace db = database;
+
+// undoWhileUnwinding - runs undo only while an exception is in flight; a
+// failing undo must not replace that exception (nor end the process from
+// a destructor), so it is swallowed and reported as a critical failure.
+template <class Undo>
+void undoWhileUnwinding(Undo undo) noexcept {
+  if (!exceptionInFlight()) return;
+  try {
+    undo();
+  } catch (...) {
+    writeCriticalRestoreMessage(kVirtualDomainsDatabase);
+  }
+}
+
+// The three map rewrites; `from` becomes `to`.
+void renameInVirtualDomains(const std::string& from, const std::string& to) {
+  db::update(kVirtualDomainsMap,
+             db::ElementsFilter<db::ReplaceElementFilterRef>(db::ReplaceElementFilterRef(from, to)));
+}
+
+void renameInVirtual(const std::string& from, const std::string& to) {
+  db::update(kVirtualMap,
+             db::ElementsFilter<db::ReplaceDomainPart>(db::ReplaceDomainPart(from, to, false)));
+}
+
+void renameInVmailbox(const std::string& from, const std::string& to) {
+  const std::string fromPath = relativeDomainPath(from).string();
+  const std::string toPath = relativeDomainPath(to).string();
+  db::update(kVmailboxMap, db::KeyValueFilter<db::ReplaceDomainPart, db::ReplaceDomainPath>(
+                               db::ReplaceDomainPart(from, to, false),
+                               db::ReplaceDomainPath(fromPath, toPath)));
+}
+
+typedef void (*MapRename)(const std::string& from, const std::string& to);
+
+// Undo guard of one rewritten map: while an exception is in flight at its
+// destruction, renames newName back to oldName in that map.
+template <MapRename Rename>
+class MapUndoGuard {
+ public:
+  MapUndoGuard(const std::string& oldName, const std::string& newName)
+      : oldName_(oldName), newName_(newName) {}
+  ~MapUndoGuard() {
+    undoWhileUnwinding([this] { Rename(newName_, oldName_); });
+  }
+  MapUndoGuard(const MapUndoGuard&) = delete;
+  MapUndoGuard& operator=(const MapUndoGuard&) = delete;
+
+ private:
+  const std::string& oldName_;
+  const std::string& newName_;
+};
+
+}  // namespace
+
+void renameDomain(const std::string& oldName, const std::string& newName) {
+  renameInVirtualDomains(oldName, newName);
+  MapUndoGuard<renameInVirtualDomains> virtualDomainsGuard(oldName, newName);
+  renameInVirtual(oldName, newName);
+  MapUndoGuard<renameInVirtual> virtualGuard(oldName, newName);
+  renameInVmailbox(oldName, newName);
+  MapUndoGuard<renameInVmailbox> vmailboxGuard(oldName, newName);
+  renameDomainDirectory(getPopUser(), oldName, newName);
+}
+
+PostfixRenameGuard::~PostfixRenameGuard() {
+  undoWhileUnwinding([this] { renameDomain(newName_, oldName_); });
+}
+
+}  // namespace postfix
+}  // namespace mail
+}  // namespace zanth

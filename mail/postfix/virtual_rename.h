@@ -1,0 +1,66 @@
+// Domain rename on the Postfix side: rewrites the virtual_domains, virtual
+// and vmailbox maps for the new name, then renames the domain's mail
+// directory. Each rewritten map is guarded so that a later failure of the
+// step puts it back; the command guards the whole step the same way. A
+// failed undo is swallowed and reported with the critical-restore message.
+#ifndef MXKEEP_MAIL_POSTFIX_VIRTUAL_RENAME_H
+#define MXKEEP_MAIL_POSTFIX_VIRTUAL_RENAME_H
+
+#include <string>
+
+namespace zanth {
+namespace mail {
+namespace postfix {
+
+// The map specifications, in the order they are rewritten.
+extern const char* const kVirtualDomainsMap;
+extern const char* const kVirtualMap;
+extern const char* const kVmailboxMap;
+
+// The fixed parts of the critical-restore message: head, one blank, the
+// object that could not be restored, tail.
+extern const char* const kCriticalRestoreHead;
+extern const char* const kCriticalRestoreTail;
+// The object every Postfix undo names, whichever map it was restoring.
+extern const char* const kVirtualDomainsDatabase;
+
+// writeCriticalRestoreMessage - the critical-restore message for `object`,
+// as one message ended by a line end, to the error stream.
+void writeCriticalRestoreMessage(const char* object);
+
+// renameDomain - renames oldName to newName (ASCII) in the three maps and
+// the mail directory. Throws PostfixConfigurationError or the directory's
+// filesystem_error; what it changed before the failure is put back first.
+//
+// The map guards act whenever an exception is in flight anywhere in the
+// process. Run from a destructor during unwinding (the command's undo), a
+// successful renameDomain(new, old) therefore moves the directory back but
+// leaves the maps under the name they had before it was called.
+void renameDomain(const std::string& oldName, const std::string& newName);
+
+// The command's guard around the whole Postfix step. Create it once
+// renameDomain(oldName, newName) has returned; while an exception is in
+// flight when it is destroyed, it runs renameDomain(newName, oldName),
+// reporting (never throwing) a failure of that run. Holds references.
+//
+//   renameDomain(oldName, newName);
+//   PostfixRenameGuard guard(oldName, newName);
+//   ...later steps that may throw...
+class PostfixRenameGuard {
+ public:
+  PostfixRenameGuard(const std::string& oldName, const std::string& newName)
+      : oldName_(oldName), newName_(newName) {}
+  ~PostfixRenameGuard();
+  PostfixRenameGuard(const PostfixRenameGuard&) = delete;
+  PostfixRenameGuard& operator=(const PostfixRenameGuard&) = delete;
+
+ private:
+  const std::string& oldName_;
+  const std::string& newName_;
+};
+
+}  // namespace postfix
+}  // namespace mail
+}  // namespace zanth
+
+#endif  // MXKEEP_MAIL_POSTFIX_VIRTUAL_RENAME_H
