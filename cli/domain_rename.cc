@@ -10,6 +10,7 @@
 
 #include "common/errors.h"
 #include "common/idn.h"
+#include "mail/postfix/virtual_rename.h"
 
 namespace zanth {
 namespace cli {
@@ -56,6 +57,15 @@ void checkArguments(int& argc, char**& argv) {
 void renameDomain(std::string& oldName, std::string& newName) {
   oldName = idn::toAscii(oldName);
   newName = idn::toAscii(newName);
+
+  // A failure here has been undone by the step itself.
+  mail::postfix::renameDomain(oldName, newName);
+  // From here on a failure runs the Postfix step backwards on the way out
+  // (see PostfixRenameGuard for what that leaves behind).
+  mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName);
+
+  // The later steps go here, inside the guard's scope: authentication
+  // database, rename plugins, mail handlers.
 }
 
 int domainRenameMain(int argc, char** argv) {
