@@ -28,8 +28,8 @@ struct PopUser {
 // account does not exist.
 const PopUser& getPopUser();
 
-// What to do with a deleted domain's or mailbox's directory; other values
-// mean kKeep.
+// What to do with a deleted domain's or mailbox's directory; any other
+// value keeps it.
 enum DirectoryDisposal { kKeepDirectory = 0, kRemoveDirectory = 1, kSaveDirectory = 2 };
 
 // domainDirectory - mail-names root / domain (root read on every call).
