@@ -10,6 +10,9 @@
 
 #include "common/errors.h"
 #include "common/idn.h"
+#include "mail/handlers/handler_actions.h"
+#include "mail/plugins/plugin_runner.h"
+#include "mail/postfix/errors.h"
 #include "mail/postfix/virtual_rename.h"
 
 namespace zanth {
@@ -64,8 +67,11 @@ void renameDomain(std::string& oldName, std::string& newName) {
   // (see PostfixRenameGuard for what that leaves behind).
   mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName);
 
-  // The later steps go here, inside the guard's scope: authentication
-  // database, rename plugins, mail handlers.
+  if (run_rename_plugins(oldName.c_str(), newName.c_str()) != 0)
+    throw mail::postfix::PostfixError("unable to rename some of services");
+
+  if (handlers_act_on_target(oldName.c_str(), newName.c_str(), kHandlerRename) != 0)
+    throw mail::postfix::PostfixError("Unable to rename domain handlers");
 }
 
 int domainRenameMain(int argc, char** argv) {
