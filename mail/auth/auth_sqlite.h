@@ -1,0 +1,130 @@
+// SQLite plumbing of the mail authentication database: owners for the
+// connection and the prepared statement, the retry rule that paces every
+// call which can meet a database locked by another process, and the open,
+// prepare and run steps shared by all operations. Failures are logged once
+// through mail_log; nothing here throws.
+#ifndef MXKEEP_MAIL_AUTH_AUTH_SQLITE_H
+#define MXKEEP_MAIL_AUTH_AUTH_SQLITE_H
+
+#include <sqlite3.h>
+#include <time.h>
+
+#include <cerrno>
+
+#include "common/syscall.h"
+
+namespace zanth {
+
+// What a retried call returns when its pause (nanosleep) failed; never an
+// SQLite result code.
+constexpr int kSqliteRetryAborted = -1;
+
+// Growth of the pause between attempts, in nanoseconds.
+constexpr long kSqliteRetryStepNs = 10000;
+
+// Busy timeout every connection gets, in milliseconds.
+constexpr int kAuthBusyTimeoutMs = 50;
+
+// Stands in for sqlite3_errmsg when there is no connection to ask.
+constexpr char kNoDbHandleText[] = "general DB errror";
+
+// sqliteRetry - the retry rule. Calls attempt() and, after every attempt
+// (successful or not), sleeps for the loop's delay when it is above zero
+// and then lets the delay grow by kSqliteRetryStepNs: attempt k is followed
+// by a pause of (k - 1) * 10 microseconds. Repeats, without bound, while
+// again(result) holds. Returns the last result, or kSqliteRetryAborted at
+// once when nanosleep fails (an interrupted sleep is simply repeated).
+template <class Attempt, class Again>
+int sqliteRetry(Attempt attempt, Again again) {
+  long delay_ns = 0;
+  for (;;) {
+    int rc = attempt();
+    if (delay_ns > 0) {
+      const struct timespec pause = {0, delay_ns};
+      if (retryEintr([&pause] { return ::nanosleep(&pause, nullptr); }) != 0)
+        return kSqliteRetryAborted;
+    }
+    delay_ns += kSqliteRetryStepNs;
+    if (!again(rc)) return rc;
+  }
+}
+
+// Owns a connection; closes it under the retry rule on destruction. A
+// close that cannot be paced leaves the handle open on purpose: it is
+// abandoned rather than closed without the rule.
+//
+//   SqliteDb db;
+//   if (openAuthDb(db, path, "Unable to open database %s: %s") != 0) return -1;
+//   ... work with db.get() ...
+//   return db.close();
+class SqliteDb {
+ public:
+  SqliteDb() = default;
+  explicit SqliteDb(sqlite3* db) : db_(db) {}
+  SqliteDb(const SqliteDb&) = delete;
+  SqliteDb& operator=(const SqliteDb&) = delete;
+  ~SqliteDb();
+
+  sqlite3* get() const { return db_; }
+  sqlite3** out() { return &db_; }
+  // sqlite3_errmsg of the connection, or kNoDbHandleText without one.
+  const char* errmsg() const;
+  // close - close under the retry rule: 0, or -1 when pacing failed (the
+  // handle is then abandoned). Closing nothing succeeds.
+  int close();
+  // Gives up ownership without closing.
+  sqlite3* release();
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+// Owns a prepared statement; finalizes it on destruction. Declare it after
+// the SqliteDb it belongs to, so that it is finalized before the close.
+class SqliteStatement {
+ public:
+  SqliteStatement() = default;
+  SqliteStatement(const SqliteStatement&) = delete;
+  SqliteStatement& operator=(const SqliteStatement&) = delete;
+  ~SqliteStatement() { finalize(); }
+
+  sqlite3_stmt* get() const { return stmt_; }
+  sqlite3_stmt** out() { return &stmt_; }
+  // Finalizes now; sqlite3_finalize's result (SQLITE_OK for none).
+  int finalize();
+  sqlite3_stmt* release();
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+// bindText, bindInt, bindId - bind one parameter; texts are not copied
+// (length -1: up to the NUL), so they must outlive the statement's steps.
+// True on success.
+bool bindText(SqliteStatement& stmt, int index, const char* text, int length = -1);
+bool bindInt(SqliteStatement& stmt, int index, int value);
+bool bindId(SqliteStatement& stmt, int index, sqlite3_int64 id);
+
+// openAuthDb - sqlite3_open of path and the busy timeout. On failure logs
+// format (path, then SQLite's or the stand-in text) at priority 3, closes
+// whatever handle was returned and gives -1; 0 on success.
+int openAuthDb(SqliteDb& db, const char* path, const char* format);
+
+// prepareLogged - sqlite3_prepare of sql, repeated while busy. 0, or -1
+// after logging "Unable to prepare SQL statement for query ..." (or with
+// both owners abandoned when pacing failed: db.get() is then null).
+int prepareLogged(SqliteDb& db, SqliteStatement& stmt, const char* sql);
+
+// stepRetry - sqlite3_step, resetting the statement and repeating while
+// the database is busy or locked. Returns the step's result; when pacing
+// failed, kSqliteRetryAborted with both owners abandoned.
+int stepRetry(SqliteDb& db, SqliteStatement& stmt);
+
+// runToDone - step a writing statement to its end, finalize it, and log
+// exec_format (one %s: SQLite's message) when it did not finish with
+// SQLITE_DONE. 0 / -1; nothing is logged when pacing failed.
+int runToDone(SqliteDb& db, SqliteStatement& stmt, const char* exec_format);
+
+}  // namespace zanth
+
+#endif  // MXKEEP_MAIL_AUTH_AUTH_SQLITE_H

@@ -1,0 +1,99 @@
+// Test helpers of the authentication database tests: a scratch database
+// selected as mail_auth_db_path, SQL access that bypasses the code under
+// test, and a capture of the mail_log hook.
+#ifndef MXKEEP_MAIL_AUTH_AUTH_TESTING_H
+#define MXKEEP_MAIL_AUTH_AUTH_TESTING_H
+
+#include <sqlite3.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/mail_log.h"
+#include "mail/auth/auth_db.h"
+#include "testing/test_support.h"
+
+namespace auth_testing {
+
+using Rows = std::vector<std::string>;
+
+// What the default hook would print while a LogCapture lives, as
+// "priority:text" (debugging chatter above the threshold is left out).
+inline Rows captured_log;
+
+inline void captureHook(int priority, const char* format, ...) {
+  if (priority > mail_log_threshold) return;
+  char text[8192];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  captured_log.push_back(std::to_string(priority) + ":" + text);
+}
+
+struct LogCapture {
+  LogCapture() { captured_log.clear(); mail_log = captureHook; }
+  ~LogCapture() { mail_log = mail_log_default; }
+  const Rows& lines() const { return captured_log; }
+};
+
+// Puts mail_auth_db_path back, so no test leaks its choice into another.
+struct PathGuard {
+  const char* const saved = mail_auth_db_path;
+  ~PathGuard() { mail_auth_set_path(saved); }
+};
+
+// Runs sql on its own connection: the rows, columns joined by '|', NULL
+// spelled out. SQLite's error text goes to *error, or throws without one.
+inline Rows sqlRows(const std::string& path, const std::string& sql,
+                    std::string* error = nullptr) {
+  Rows rows;
+  auto collect = [](void* out, int n, char** values, char**) {
+    std::string row;
+    for (int i = 0; i < n; ++i) row += (i ? "|" : "") + std::string(values[i] ? values[i] : "NULL");
+    static_cast<Rows*>(out)->push_back(row);
+    return 0;
+  };
+  sqlite3* db = nullptr;
+  char* message = nullptr;
+  int rc = sqlite3_open(path.c_str(), &db);
+  if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql.c_str(), collect, &rows, &message);
+  std::string text = message ? message : rc == SQLITE_OK ? "" : sqlite3_errmsg(db);
+  sqlite3_free(message);
+  sqlite3_close(db);
+  if (error != nullptr) *error = text;
+  else if (rc != SQLITE_OK) throw std::runtime_error(sql + ": " + text);
+  return rows;
+}
+
+// A fresh database made by mail_auth_recreate in a scratch directory,
+// selected as mail_auth_db_path while the object lives.
+class ScratchDb {
+ public:
+  explicit ScratchDb(const std::string& seed = "") {
+    mail_auth_set_path(path_.c_str());
+    if (mail_auth_recreate() != 0) throw std::runtime_error("cannot create " + path_);
+    sqlRows(path_, seed);
+  }
+  const std::string& path() const { return path_; }
+  Rows rows(const std::string& sql) const { return sqlRows(path_, sql); }
+
+ private:
+  PathGuard guard_;
+  testing_support::TempDir dir_;
+  const std::string path_ = dir_ / "passwd.db";
+};
+
+// Two domains, the second disabled; bob has a userPassword, alice only a
+// cmusaslsecretPLAIN one, carol is disabled.
+constexpr char kSeed[] =
+    "INSERT INTO domains (id, name, status) VALUES (1, 'example.org', 0), (2, 'example.com', 1);"
+    "INSERT INTO users (dom_id, name, userPassword, cmusaslsecretPLAIN, status) VALUES"
+    " (1, 'bob', 'b1', NULL, 0), (1, 'alice', NULL, 'a1', 0), (2, 'carol', 'c1', NULL, 1);";
+
+}  // namespace auth_testing
+
+#endif  // MXKEEP_MAIL_AUTH_AUTH_TESTING_H
