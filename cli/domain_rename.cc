@@ -10,6 +10,8 @@
 
 #include "common/errors.h"
 #include "common/idn.h"
+#include "mail/auth/auth_db.h"
+#include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/plugins/plugin_runner.h"
 #include "mail/postfix/errors.h"
@@ -66,6 +68,12 @@ void renameDomain(std::string& oldName, std::string& newName) {
   // From here on a failure runs the Postfix step backwards on the way out
   // (see PostfixRenameGuard for what that leaves behind).
   mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName);
+
+  // Only the location matters here; the style is known.
+  mail_auth_select_style(kMailStylePostfix);
+  if (mail_auth_rename_domain(oldName.c_str(), newName.c_str()) != 0)
+    throw mail::postfix::PostfixAuthenticationDBError(
+        "unable to update domain name in mail authentication database");
 
   if (run_rename_plugins(oldName.c_str(), newName.c_str()) != 0)
     throw mail::postfix::PostfixError("unable to rename some of services");

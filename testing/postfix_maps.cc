@@ -9,6 +9,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "mail/auth/auth_db.h"
+#include "mail/auth/auth_users.h"
 #include "testing/test_support.h"
 
 namespace testing_support {
@@ -89,6 +91,10 @@ void makeSampleMailLayer() {
       "cd /var/qmail/mailnames && rm -rf ./* && mkdir -p a.example/info/Maildir/new c.example/bob && "
       "echo 'Subject: kept' > a.example/info/Maildir/new/1.eml && chown -R popuser: a.example c.example");
   if (r.exitCode() != 0) throw std::runtime_error("sample mail directories: " + r.err);
+  if (mail_auth_init(kMailStylePostfix) != 0 ||
+      mail_auth_add_user("info", "a.example", "secret", 0) != 0 ||
+      mail_auth_add_user("bob", "c.example", "secret", 0) != 0)
+    throw std::runtime_error("sample authentication database");
 }
 
 std::vector<std::string> sampleBefore(const std::string& map) { return samples().at(map).before; }

@@ -25,7 +25,9 @@ std::string queryMap(const std::string& spec, const std::string& key);
 
 // The three maps with records of a.example, its subdomain mail.a.example,
 // the look-alike xa.example and c.example, and mail directories of
-// a.example (info, with one message) and c.example. sampleBefore/After:
+// a.example (info, with one message) and c.example, and the Postfix
+// authentication database with info@a.example and bob@c.example.
+// sampleBefore/After:
 // the sorted records before and after renaming a.example to b.example.
 void makeSampleMailLayer();
 std::vector<std::string> sampleBefore(const std::string& map);
