@@ -64,7 +64,8 @@ show_state() {
     echo "-- map $m (postmap -s):"
     postmap -s "hash:$maps/$m" | sort | sed 's/^/   /'
   done
-  echo "-- text sources left beside the maps: $(cd $maps && ls | grep -v -e '\.db$' -e '^passwd\.db$' | tr '\n' ' ')"
+  local left; left=$(cd $maps && ls | grep -v -e '\.db$' | tr '\n' ' ')
+  echo "-- text sources left beside the maps: ${left:-none}"
   echo "-- mail directories:"
   (cd $mailnames && find . -mindepth 1 -maxdepth 2 -printf '   %p  %u:%g %m\n' | sort)
   echo "-- authentication database (domains; users):"
@@ -79,7 +80,9 @@ show_state() {
     printf '   %s: %s %s; on in %s\n' "${h##*/}" "$t" "$(cat "$h/$t")" \
       "$(cd $handlers && find . -path ./info -prune -o -type f -name "${h##*/}" -printf '%h ')"
   done
-  echo "-- handler store refreshes so far: $(wc -l < /var/log/handlers-refresh.log 2>/dev/null || echo 0)"
+  local refreshes=0
+  [ -f /var/log/handlers-refresh.log ] && refreshes=$(wc -l < /var/log/handlers-refresh.log)
+  echo "-- handler store refreshes so far: $refreshes"
 }
 
 banner "Sample mail layer"
