@@ -41,8 +41,8 @@ namespace database {
 // The program that dumps and rebuilds maps.
 constexpr const char* kPostmapPath = "/usr/sbin/postmap";
 
-// mapPath - the file part of a map specification ("type:path"), or the
-// whole specification when it has no ':'.
+// mapPath - the file part of a map name ("type:path"), or the whole name
+// when it has no ':'.
 std::string mapPath(const std::string& spec);
 
 // One dump-filter-rebuild cycle of a map. Construction takes the map's
