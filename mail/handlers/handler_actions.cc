@@ -152,6 +152,23 @@ bool isDotEntry(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
+// forEachHandler - calls visit(name, &errors) for every stored handler, in
+// directory order, and turns the error count into the mass result.
+template <class Visit>
+int forEachHandler(Visit visit) {
+  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
+  if (dir.get() == nullptr) {
+    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    return -1;
+  }
+  int errors = 0;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    if (!isDotEntry(entry->d_name)) visit(entry->d_name, &errors);
+  }
+  dir.reset();
+  return massResult(errors);
+}
+
 }  // namespace
 
 int handler_action(const char* name, const char* new_target, int action) {
@@ -200,49 +217,40 @@ int handlers_act_on_target(const char* target, const char* new_target, int actio
     return -1;
   }
   const bool domain_mode = std::strchr(target, '@') == nullptr;
-  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
-  if (dir.get() == nullptr) {
-    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
-    return -1;
-  }
-  int errors = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const char* name = entry->d_name;
-    if (isDotEntry(name)) continue;
+  return forEachHandler([&](const char* name, int* errors) {
     OwnedString type(handler_param(name, "handler-type"));
     if (!type) {
       mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
-      ++errors;
-      continue;
+      ++*errors;
+      return;
     }
     // For a global handler this reads its empty "global" flag: no match.
     OwnedString value(handler_param(name, type.get()));
     if (!value) {
       mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
-      ++errors;
-      continue;
+      ++*errors;
+      return;
     }
     if (std::strcmp(value.get(), target) == 0) {
-      actCounted(name, new_target, action, &errors);
-      continue;
+      actCounted(name, new_target, action, errors);
+      return;
     }
-    if (!domain_mode) continue;
+    if (!domain_mode) return;
     const char* at = std::strchr(value.get(), '@');
-    if (at == nullptr || std::strcmp(at + 1, target) != 0) continue;
+    if (at == nullptr || std::strcmp(at + 1, target) != 0) return;
     if (new_target == nullptr) {
-      actCounted(name, nullptr, action, &errors);
-      continue;
+      actCounted(name, nullptr, action, errors);
+      return;
     }
     char address[zanth::kPathMax];
     if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value.get()),
                      value.get(), new_target)) {
       mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
-      ++errors;
-      continue;
+      ++*errors;
+      return;
     }
-    actCounted(name, address, action, &errors);
-  }
-  return massResult(errors);
+    actCounted(name, address, action, errors);
+  });
 }
 
 int handlers_act_on_template(const char* tmpl, int action) {
@@ -251,26 +259,17 @@ int handlers_act_on_template(const char* tmpl, int action) {
     return -1;
   }
   const bool all = std::strcmp(tmpl, "all") == 0;
-  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
-  if (dir.get() == nullptr) {
-    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
-    return -1;
-  }
-  int errors = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const char* name = entry->d_name;
-    if (isDotEntry(name)) continue;
+  return forEachHandler([&](const char* name, int* errors) {
     if (!all) {
       OwnedString own(handler_template(name));
       if (!own) {
-        ++errors;
-        continue;
+        ++*errors;
+        return;
       }
-      if (std::strcmp(own.get(), tmpl) != 0) continue;
+      if (std::strcmp(own.get(), tmpl) != 0) return;
     }
-    actCounted(name, nullptr, action, &errors);
-  }
-  return massResult(errors);
+    actCounted(name, nullptr, action, errors);
+  });
 }
 
 int handlers_refresh() {
