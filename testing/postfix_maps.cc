@@ -1,5 +1,5 @@
-// Test support for Postfix maps: real postmap runs, the sample mail layer
-// and the stand-in postmap.
+// Test support for Postfix maps: real postmap runs, the sample mail layer and
+// the stand-in postmap. Failures throw std::runtime_error.
 #include "testing/postfix_maps.h"
 
 #include <unistd.h>
@@ -24,55 +24,35 @@ namespace {
 constexpr const char* kPostmap = "/usr/sbin/postmap";
 constexpr const char* kRealPostmap = "/usr/libexec/mxkeep-test-real-postmap";
 
-RunResult postmap(const std::vector<std::string>& args) {
-  std::vector<std::string> argv{kPostmap};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return runProgram(argv);
+// The standard output of postmap with args; throws on an exit status above maxStatus.
+std::string postmap(std::vector<std::string> args, int maxStatus = 0) {
+  args.insert(args.begin(), kPostmap);
+  const RunResult r = runProgram(args);
+  if (r.exitCode() < 0 || r.exitCode() > maxStatus) throw std::runtime_error("postmap: " + r.err);
+  return r.out;
 }
 
-// Records before and after renaming a.example to b.example, sorted.
-struct Sample {
-  std::vector<std::string> before, after;
+// Each map's records before and after renaming a.example to b.example, sorted.
+const std::map<std::string, std::pair<std::vector<std::string>, std::vector<std::string>>> kSamples = {
+    {kVirtualDomainsMap, {{"a.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL", "xa.example VIRTUAL"},
+                          {"b.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL", "xa.example VIRTUAL"}}},
+    {kVirtualMap, {{"@a.example catch@a.example", "fwd@c.example info@a.example, ext@a.example.org",
+                    "info@a.example info@a.example", "sales@a.example info@a.example, bob@c.example",
+                    "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"},
+                   {"@b.example catch@b.example", "fwd@c.example info@b.example, ext@a.example.org",
+                    "info@b.example info@b.example", "sales@b.example info@b.example, bob@c.example",
+                    "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"}}},
+    {kVmailboxMap,
+     {{"bob@c.example c.example/bob/", "catch@a.example a.example/catch/", "info@a.example a.example/info/",
+       "odd@c.example a.example.org/odd/", "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"},
+      {"bob@c.example c.example/bob/", "catch@b.example b.example/catch/", "info@b.example b.example/info/",
+       "odd@c.example b.example.org/odd/", "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"}}},
 };
-
-const std::map<std::string, Sample>& samples() {
-  static const std::map<std::string, Sample> maps = {
-      {kVirtualDomainsMap,
-       {{"a.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL", "xa.example VIRTUAL"},
-        {"b.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL", "xa.example VIRTUAL"}}},
-      {kVirtualMap,
-       {{"@a.example catch@a.example", "fwd@c.example info@a.example, ext@a.example.org",
-         "info@a.example info@a.example", "sales@a.example info@a.example, bob@c.example",
-         "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"},
-        {"@b.example catch@b.example", "fwd@c.example info@b.example, ext@a.example.org",
-         "info@b.example info@b.example", "sales@b.example info@b.example, bob@c.example",
-         "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"}}},
-      {kVmailboxMap,
-       {{"bob@c.example c.example/bob/", "catch@a.example a.example/catch/", "info@a.example a.example/info/",
-         "odd@c.example a.example.org/odd/", "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"},
-        {"bob@c.example c.example/bob/", "catch@b.example b.example/catch/", "info@b.example b.example/info/",
-         "odd@c.example b.example.org/odd/", "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"}}},
-  };
-  return maps;
-}
 
 }  // namespace
 
-std::string mapFile(const std::string& spec) { return spec.substr(spec.find(':') + 1); }
-
-void makeMap(const std::string& spec, const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  writeFile(mapFile(spec), text);
-  const RunResult r = postmap({spec});
-  ::unlink(mapFile(spec).c_str());
-  if (r.exitCode() != 0) throw std::runtime_error("postmap " + spec + ": " + r.err);
-}
-
 std::vector<std::string> dumpMap(const std::string& spec) {
-  const RunResult r = postmap({"-s", spec});
-  if (r.exitCode() != 0) throw std::runtime_error("postmap -s " + spec + ": " + r.err);
-  std::istringstream in(r.out);
+  std::istringstream in(postmap({"-s", spec}));
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) lines.push_back(line.replace(line.find('\t'), 1, " "));
   std::sort(lines.begin(), lines.end());
@@ -80,25 +60,29 @@ std::vector<std::string> dumpMap(const std::string& spec) {
 }
 
 std::string queryMap(const std::string& spec, const std::string& key) {
-  const RunResult r = postmap({"-q", key, spec});
-  if (r.exitCode() > 1) throw std::runtime_error("postmap -q " + spec + ": " + r.err);
-  return r.out.substr(0, r.out.find('\n'));
+  const std::string out = postmap({"-q", key, spec}, 1);
+  return out.substr(0, out.find('\n'));
 }
 
 void makeSampleMailLayer() {
-  for (const auto& map : samples()) makeMap(map.first, map.second.before);
+  for (const auto& map : kSamples) {  // the text source removed, as the tool leaves a map
+    std::string text, source = map.first.substr(map.first.find(':') + 1);
+    for (const std::string& line : map.second.first) text += line + "\n";
+    writeFile(source, text);
+    postmap({map.first});
+    ::unlink(source.c_str());
+  }
   const RunResult r = shell(
       "cd /var/qmail/mailnames && rm -rf ./* && mkdir -p a.example/info/Maildir/new c.example/bob && "
       "echo 'Subject: kept' > a.example/info/Maildir/new/1.eml && chown -R popuser: a.example c.example");
   if (r.exitCode() != 0) throw std::runtime_error("sample mail directories: " + r.err);
-  if (mail_auth_init(kMailStylePostfix) != 0 ||
-      mail_auth_add_user("info", "a.example", "secret", 0) != 0 ||
+  if (mail_auth_init(kMailStylePostfix) != 0 || mail_auth_add_user("info", "a.example", "secret", 0) != 0 ||
       mail_auth_add_user("bob", "c.example", "secret", 0) != 0)
     throw std::runtime_error("sample authentication database");
 }
 
-std::vector<std::string> sampleBefore(const std::string& map) { return samples().at(map).before; }
-std::vector<std::string> sampleAfter(const std::string& map) { return samples().at(map).after; }
+std::vector<std::string> sampleBefore(const std::string& map) { return kSamples.at(map).first; }
+std::vector<std::string> sampleAfter(const std::string& map) { return kSamples.at(map).second; }
 
 PostmapStandIn::PostmapStandIn(const std::string& script) {
   if (::rename(kPostmap, kRealPostmap) != 0) throw std::runtime_error("cannot move postmap aside");
