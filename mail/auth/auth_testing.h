@@ -1,6 +1,5 @@
-// Test helpers of the authentication database tests: a scratch database
-// selected as mail_auth_db_path, SQL access that bypasses the code under
-// test, and a capture of the mail_log hook.
+// Test helpers of the authentication database tests: SQL that bypasses the
+// code under test, a scratch database and a capture of the mail_log hook.
 #ifndef MXKEEP_MAIL_AUTH_AUTH_TESTING_H
 #define MXKEEP_MAIL_AUTH_AUTH_TESTING_H
 
@@ -20,9 +19,7 @@ namespace auth_testing {
 
 using Rows = std::vector<std::string>;
 
-// What the default hook would print while a LogCapture lives, as
-// "priority:text" (debugging chatter above the threshold is left out).
-inline Rows captured_log;
+inline Rows captured_log;  // "priority:text" of what the default hook would print
 
 inline void captureHook(int priority, const char* format, ...) {
   if (priority > mail_log_threshold) return;
@@ -33,18 +30,6 @@ inline void captureHook(int priority, const char* format, ...) {
   va_end(args);
   captured_log.push_back(std::to_string(priority) + ":" + text);
 }
-
-struct LogCapture {
-  LogCapture() { captured_log.clear(); mail_log = captureHook; }
-  ~LogCapture() { mail_log = mail_log_default; }
-  const Rows& lines() const { return captured_log; }
-};
-
-// Puts mail_auth_db_path back, so no test leaks its choice into another.
-struct PathGuard {
-  const char* const saved = mail_auth_db_path;
-  ~PathGuard() { mail_auth_set_path(saved); }
-};
 
 // Runs sql on its own connection: the rows, columns joined by '|', NULL
 // spelled out. SQLite's error text goes to *error, or throws without one.
@@ -69,26 +54,25 @@ inline Rows sqlRows(const std::string& path, const std::string& sql,
   return rows;
 }
 
-// A fresh database made by mail_auth_recreate in a scratch directory,
-// selected as mail_auth_db_path while the object lives.
-class ScratchDb {
- public:
+// A fresh database made by mail_auth_recreate and seeded with sql; while it
+// lives it is mail_auth_db_path and mail_log goes to captured_log.
+struct ScratchDb {
   explicit ScratchDb(const std::string& seed = "") {
-    mail_auth_set_path(path_.c_str());
-    if (mail_auth_recreate() != 0) throw std::runtime_error("cannot create " + path_);
-    sqlRows(path_, seed);
+    mail_auth_set_path(path.c_str());
+    if (mail_auth_recreate() != 0) throw std::runtime_error("cannot create " + path);
+    sqlRows(path, seed);
+    captured_log.clear();
+    mail_log = captureHook;
   }
-  const std::string& path() const { return path_; }
-  Rows rows(const std::string& sql) const { return sqlRows(path_, sql); }
+  ~ScratchDb() { mail_auth_set_path(saved_path); mail_log = mail_log_default; }
+  Rows rows(const std::string& sql) const { return sqlRows(path, sql); }
 
- private:
-  PathGuard guard_;
-  testing_support::TempDir dir_;
-  const std::string path_ = dir_ / "passwd.db";
+  const char* const saved_path = mail_auth_db_path;
+  const testing_support::TempDir dir;
+  const std::string path = dir / "passwd.db";
 };
 
-// Two domains, the second disabled; bob has a userPassword, alice only a
-// cmusaslsecretPLAIN one, carol is disabled.
+// Two domains, the second disabled; bob has a userPassword, alice a plain one.
 constexpr char kSeed[] =
     "INSERT INTO domains (id, name, status) VALUES (1, 'example.org', 0), (2, 'example.com', 1);"
     "INSERT INTO users (dom_id, name, userPassword, cmusaslsecretPLAIN, status) VALUES"

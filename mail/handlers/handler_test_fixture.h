@@ -1,76 +1,49 @@
-// Test fixture of the handler store tests: an empty store at its fixed
-// paths (inside the test sandbox), no refresh program, the mail_log hook
-// capturing messages, and helpers that add handlers and read the store back.
+// Test fixture of the handler tests: an empty store at its fixed paths in the
+// sandbox, no refresh program, mail_log captured, helpers to add and read.
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_TEST_FIXTURE_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_TEST_FIXTURE_H
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <cstdarg>
-#include <cstdio>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "common/mail_log.h"
+#include "mail/auth/auth_testing.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
-#include "testing/test_support.h"
 
 namespace handler_testing {
 
+using auth_testing::captured_log;
+using Strings = std::vector<std::string>;
 const std::string kInfo = "/opt/orb/handlers/info/";
+const std::string kRefreshLog = "/run/handlers-refresh.log";
 
-inline std::vector<std::string>& logged() {
-  static std::vector<std::string> messages;
-  return messages;
+// Takes ownership of a string the store returns; "<null>" for none.
+inline std::string str(char* owned) {
+  zanth::handlers::OwnedString holder(owned);
+  return holder ? holder.get() : "<null>";
 }
 
-inline void captureLog(int, const char* format, ...) {
-  char text[8192];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  logged().push_back(text);
-}
-
-class HandlerStoreTest : public ::testing::Test {
+class HandlerStore : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(0,
-              testing_support::shell("rm -rf /opt/orb/handlers /usr/lib/zanth-9.0/handlers-tmpfs "
-                                     "/run/handlers-refresh.log && mkdir -p " +
-                                     kInfo)
-                  .exitCode());
-    logged().clear();
-    mail_log = captureLog;
+    ASSERT_EQ(0, testing_support::shell("rm -rf /opt/orb/handlers " + kRefreshLog + " " +
+                                        kHandlersRefreshProgram + " && mkdir -p " + kInfo)
+                     .exitCode());
+    captured_log.clear();
+    mail_log = auth_testing::captureHook;
   }
   void TearDown() override { mail_log = mail_log_default; }
 
-  static std::set<std::string> names() {
-    std::set<std::string> found;
-    DIR* dir = opendir(kInfo.c_str());
-    while (dirent* e = dir ? readdir(dir) : nullptr) found.insert(e->d_name);
-    if (dir) closedir(dir);
-    found.erase(".");
-    found.erase("..");
-    return found;
-  }
-  // Adds a handler; its name, or "" when handler_add failed.
+  // Adds a switched-on handler with context "ctx" on hook smtp; its name.
   static std::string add(const char* type, const char* target, const char* tmpl = "spam",
-                         const char* prio = "10", const char* context = "ctx",
-                         const char* exe = "/bin/true", int final_action = 2) {
-    std::set<std::string> before = names();
-    if (handler_add(tmpl, type, target, exe, context, "smtp", prio, final_action) != 0) return "";
-    for (const std::string& name : names()) {
-      if (before.count(name) == 0) return name;
-    }
-    return "";
+                         const char* priority = "10", const char* program = "/bin/true") {
+    EXPECT_EQ(0, handler_add(tmpl, type, target, program, "ctx", "smtp", priority, 2));
+    return str(handler_find(tmpl, type, target, "smtp"));
   }
-  static std::string param(const std::string& name, const std::string& file) {
-    return testing_support::readFile(kInfo + name + "/" + file);
+  // The named parameter files of a handler, one after the other.
+  static std::string params(const std::string& name, std::initializer_list<const char*> files) {
+    std::string text;
+    for (const char* file : files) text += testing_support::readFile(kInfo + name + "/" + file);
+    return text;
   }
   // Whether name has an entry in the queue "/opt/orb/handlers/smtp/<queue>".
   static bool switchedOn(const std::string& queue, const std::string& name) {

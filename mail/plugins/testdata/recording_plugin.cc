@@ -1,5 +1,4 @@
-// Test plugin: appends "<module path> <old> <new>" to the record file, so
-// a test sees which modules ran, under which path, with which arguments.
+// Test plugin: appends "<module path> <old> <new>" to the record file.
 #include <dlfcn.h>
 
 #include <cstdio>
