@@ -7,6 +7,7 @@
 # checkout and build may live there; tests clean up what they make in it.
 #
 # Usage: testing/sandbox.sh COMMAND [ARG...]
+#        testing/sandbox.sh --reset-layout   (inside: back to the fresh layout)
 # Exit status: the command's; 77 when no sandbox can be made outside CI
 # (CI=true turns that into a failure).
 set -euo pipefail
@@ -19,6 +20,31 @@ fail_or_skip() {
   echo "sandbox: skipped: $1" >&2
   exit 77
 }
+
+# The layout an installed system has. Also used by --reset-layout, which
+# a test binary running many tests in one sandbox calls before each test.
+make_layout() {
+  mkdir -p /run/lock /var/spool /var/lib /var/log
+  ln -sfn /run /var/run
+  ln -sfn /run/lock /var/lock
+  mkdir -p /var/lock/files
+  mkdir -p /etc/postfix /etc/orb /opt/orb/handlers/info \
+           /usr/lib/zanth-9.0/domain_rename /var/spool/postfix/zanth
+  [ -f /etc/postfix/main.cf ] ||
+    printf '# sandbox: postmap needs a main.cf\ncompatibility_level = 3.6\n' > /etc/postfix/main.cf
+  install -d -o popuser -g popuser -m 0751 /var/qmail /var/qmail/mailnames
+}
+
+if [ "${1:-}" = --reset-layout ]; then
+  if [ "${MXKEEP_SANDBOX:-}" != 1 ] || [ "$(findmnt -n -o SOURCE /var)" != mxkeep-var ]; then
+    echo "sandbox: --reset-layout works inside a sandbox only" >&2
+    exit 2
+  fi
+  find /var /opt /etc/orb /usr/lib/zanth-9.0 -mindepth 1 -maxdepth 1 -exec rm -rf {} +
+  find /run -mindepth 1 -maxdepth 1 ! -name .sandbox-layers -exec rm -rf {} +
+  make_layout
+  exit 0
+fi
 
 if [ "${1:-}" != --inside ]; then
   [ $# -gt 0 ] || { echo "usage: $0 COMMAND [ARG...]" >&2; exit 2; }
@@ -51,23 +77,13 @@ for d in var opt; do
   mount -t tmpfs -o mode=0755 "mxkeep-$d" "/$d"
 done
 
-# The layout an installed system has.
-mkdir -p /run/lock /var/spool /var/lib /var/log
-ln -s /run /var/run
-ln -s /run/lock /var/lock
-mkdir -p /var/lock/files
-
 getent group postfix >/dev/null || groupadd -r postfix
 getent passwd postfix >/dev/null ||
   useradd -r -g postfix -d /var/spool/postfix -s /usr/sbin/nologin postfix
 getent group popuser >/dev/null || groupadd -r popuser
 getent passwd popuser >/dev/null ||
   useradd -r -g popuser -d /var/qmail/mailnames -s /usr/sbin/nologin popuser
-
-mkdir -p /etc/postfix /etc/orb /opt/orb/handlers/info \
-         /usr/lib/zanth-9.0/domain_rename /var/spool/postfix/zanth
-[ -f /etc/postfix/main.cf ] || printf '# sandbox: postmap needs a main.cf\ncompatibility_level = 3.6\n' > /etc/postfix/main.cf
-install -d -o popuser -g popuser -m 0751 /var/qmail /var/qmail/mailnames
+make_layout
 
 export MXKEEP_SANDBOX=1
 exec "$@"

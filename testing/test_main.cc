@@ -1,14 +1,38 @@
 // Entry of the test binary. Outside the sandbox it re-runs itself through
 // testing/sandbox.sh, so that no test can ever write the host's /etc, /var,
-// /opt or /usr, whoever starts it and however.
+// /opt or /usr, whoever starts it and however; inside, every test starts
+// from the fresh layout of those paths.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
+
+namespace {
+
+// Each test expects the fresh layout of the fixed paths. ctest gives every
+// test its own sandbox; a run of many tests in one process resets the
+// layout between them instead.
+class FreshLayout : public testing::EmptyTestEventListener {
+ public:
+  void OnTestStart(const testing::TestInfo&) override {
+    if (!first_ && std::system((std::string(MXKEEP_SOURCE_DIR) +
+                                "/testing/sandbox.sh --reset-layout").c_str()) != 0) {
+      std::fprintf(stderr, "cannot reset the sandbox layout\n");
+      std::exit(1);
+    }
+    first_ = false;
+  }
+
+ private:
+  bool first_ = true;
+};
+
+}  // namespace
 
 int main(int argc, char** argv) {
   const char* inside = std::getenv("MXKEEP_SANDBOX");
@@ -26,5 +50,6 @@ int main(int argc, char** argv) {
     return 1;
   }
   testing::InitGoogleTest(&argc, argv);
+  testing::UnitTest::GetInstance()->listeners().Append(new FreshLayout);
   return RUN_ALL_TESTS();
 }
