@@ -281,18 +281,26 @@ struct CapturedError {
 
 int atPipeLevel(int setting) { return setting == kStreamUnset ? kStreamInherit : setting; }
 
-// Reads one block from fd into `block` and hands it on; closes fd at EOF.
-void pump(UniqueFd& fd, std::vector<char>& block, size_t blockSize,
+// Reads one block from fd and hands the bytes read on; closes fd at EOF.
+// `buffer` keeps the block size for the whole run: growing a vector back
+// after a short read would zero-fill it on every read. A full block goes
+// out as it is, a short one is copied into `partial`, which assign() does
+// not zero first.
+void pump(UniqueFd& fd, std::vector<char>& buffer, std::vector<char>& partial,
           const BlockConsumer& consumer) {
-  block.resize(blockSize);
-  ssize_t n = retryEintr([&] { return ::read(fd.get(), block.data(), block.size()); });
+  ssize_t n = retryEintr([&] { return ::read(fd.get(), buffer.data(), buffer.size()); });
   if (n < 0) throw SystemError("read");
   if (n == 0) {
     closeChecked(fd);
     return;
   }
-  block.resize(static_cast<size_t>(n));
-  consumer(block);
+  const size_t count = static_cast<size_t>(n);
+  if (count == buffer.size()) {
+    consumer(buffer);
+    return;
+  }
+  partial.assign(buffer.data(), buffer.data() + count);
+  consumer(partial);
 }
 
 }  // namespace
@@ -522,8 +530,8 @@ int Pipe::run() {
   std::vector<char> pending;  // input taken from the producer, not yet written
   size_t written = 0;
   bool exhausted = false;
-  std::vector<char> block;
-  block.reserve(readBlockSize());
+  std::vector<char> buffer(readBlockSize()), partial;
+  partial.reserve(readBlockSize());
 
   for (;;) {
     const bool running = std::any_of(launched.begin(), launched.end(),
@@ -557,10 +565,10 @@ int Pipe::run() {
       if (exhausted && written == pending.size()) closeChecked(input);
     }
     if (output.get() >= 0 && readable.has(output.get()))
-      pump(output, block, readBlockSize(), consumer_);
+      pump(output, buffer, partial, consumer_);
     for (CapturedError& e : errors)
       if (e.fd.get() >= 0 && readable.has(e.fd.get()))
-        pump(e.fd, block, readBlockSize(), *e.consumer);
+        pump(e.fd, buffer, partial, *e.consumer);
 
     if (readable.has(catcher.readFd())) {
       catcher.drain();
