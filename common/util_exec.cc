@@ -240,6 +240,14 @@ int exec_capture_report(const char* path, char* const argv[], int quiet) {
   return result;
 }
 
+// utility_path - "<root><sub>/<name>" into a kPathMax buffer; false, and
+// reported, when it does not fit.
+static bool utility_path(char* path, const char* root, const char* sub, const char* name) {
+  if (zanth::path_format(path, zanth::kPathMax, "%s%s/%s", root, sub, name)) return true;
+  report_error(kReportOnly, 0, "Utility '%s' path is too long", name);
+  return false;
+}
+
 int exec_capture_report_va(const char* path, ...) {
   char* argv[kUtilExecMaxArgs];
   va_list args;
@@ -257,11 +265,7 @@ int admin_util_exec(const char* name, ...) {
     return -1;
   }
   char path[zanth::kPathMax];
-  if (!zanth::path_format(path, sizeof path, "%s/admin/bin/%s",
-                          orb_conf_get_default(PRODUCT_ROOT_D), name)) {
-    report_error(kReportOnly, 0, "Utility '%s' path is too long", name);
-    return -1;
-  }
+  if (!utility_path(path, orb_conf_get_default(PRODUCT_ROOT_D), "/admin/bin", name)) return -1;
   va_list args;
   va_start(args, name);
   int result = run_utility(path, args);
@@ -272,10 +276,7 @@ int admin_util_exec(const char* name, ...) {
 int lib_util_exec(const char* name, ...) {
   errno = 0;
   char path[zanth::kPathMax];
-  if (!zanth::path_format(path, sizeof path, "%s/%s", kLibUtilDir, name)) {
-    report_error(kReportOnly, 0, "Utility '%s' path is too long", name);
-    return -1;
-  }
+  if (!utility_path(path, kLibUtilDir, "", name)) return -1;
   va_list args;
   va_start(args, name);
   int result = run_utility(path, args);

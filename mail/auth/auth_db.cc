@@ -77,16 +77,24 @@ class PipeReader {
   FILE* const f_;
 };
 
+// parent_dir - dirname of a copy of path, kept alive in *copy; null, with
+// the allocation failure logged, when the copy cannot be made.
+const char* parent_dir(const char* path, CharPtr* copy) {
+  copy->reset(strdup(path));
+  if (*copy == nullptr) {
+    errno = ENOMEM;
+    mail_log(2, "Memory allocation error");
+    return nullptr;
+  }
+  return dirname(copy->get());
+}
+
 // make_parent_dirs - create the directory that is to hold path, with its
 // missing ancestors.
 int make_parent_dirs(const char* path) {
-  CharPtr copy(strdup(path), &std::free);
-  if (copy == nullptr) {
-    errno = ENOMEM;
-    mail_log(2, "Memory allocation error");
-    return -1;
-  }
-  const char* dir = dirname(copy.get());
+  CharPtr copy(nullptr, &std::free);
+  const char* dir = parent_dir(path, &copy);
+  if (copy == nullptr) return -1;
   if (dir == nullptr) {
     mail_log(2, "dirname(%s) failed: %s", path, std::strerror(errno));
     return -1;
@@ -219,13 +227,9 @@ int mail_auth_init(int style) {
 
 int mail_auth_set_permissions(uid_t uid, gid_t gid, mode_t dir_mode, mode_t file_mode) {
   const char* path = mail_auth_db_path;
-  CharPtr copy(strdup(path), &std::free);
-  if (copy == nullptr) {
-    errno = ENOMEM;
-    mail_log(2, "Memory allocation error");
-    return -1;
-  }
-  const char* dir = dirname(copy.get());
+  CharPtr copy(nullptr, &std::free);
+  const char* dir = parent_dir(path, &copy);
+  if (dir == nullptr) return -1;
   if (dir[0] != '/' || dir[1] == '\0') {
     mail_log(2, "Invalid mail authentication DB path %s", path);
     return -1;
