@@ -10,6 +10,7 @@ packages=(
   libsqlite3-dev sqlite3
   libidn-dev
   libmariadb-dev
+  mariadb-server
   libssl-dev
   postfix
   util-linux
@@ -25,5 +26,14 @@ export DEBIAN_FRONTEND=noninteractive
 # Postfix is installed only for its postmap program: leave the host's mail
 # configuration alone and never start a mail service here.
 echo "postfix postfix/main_mailer_type select No configuration" | debconf-set-selections
+# mariadb-server is for the tests only: they start their own server inside
+# the sandbox. Its package would start a system service on installation;
+# a temporary policy-rc.d refuses that (an existing one is left as it is).
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' > "$policy"
+  chmod 0755 "$policy"
+  trap 'rm -f "$policy"' EXIT
+fi
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"

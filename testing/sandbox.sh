@@ -41,7 +41,9 @@ if [ "${1:-}" = --reset-layout ]; then
     exit 2
   fi
   find /var /opt /etc/orb /usr/lib/zanth-9.0 -mindepth 1 -maxdepth 1 -exec rm -rf {} +
-  find /run -mindepth 1 -maxdepth 1 ! -name .sandbox-layers -exec rm -rf {} +
+  # /run/mysqld holds the test database server a test binary starts once
+  # for all its tests (testing/mariadb_server.h); it outlives the resets.
+  find /run -mindepth 1 -maxdepth 1 ! -name .sandbox-layers ! -name mysqld -exec rm -rf {} +
   make_layout
   exit 0
 fi

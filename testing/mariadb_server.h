@@ -1,0 +1,97 @@
+// A real MariaDB server for the tests of the product database code, run
+// inside the sandbox: data directory, socket, pid file and logs under
+// /run/mysqld (the sandbox's tmpfs), listening only on the client library's
+// default socket, with the general query log kept in mysql.general_log.
+// Setup failures throw std::runtime_error with the server's own text.
+//
+// How a test file uses it:
+// - Build it into mxkeep_db_tests (CMakeLists.txt), the test binary that
+//   ctest runs as one entry in one sandbox. Linking this file registers a
+//   global environment that starts the server once before the first test
+//   and stops it after the last; the layout resets between tests keep
+//   /run/mysqld.
+// - Derive the fixture from ProductDbTest: before each test it recreates
+//   the database "orb" with its tables (no rows), writes the admin password
+//   file and empties the query log. Each test inserts its own rows with
+//   server().exec("insert ...").
+// - Read what the code under test sent with server().adminLog(): every
+//   command of the "admin" account since the test began, in order.
+#ifndef MXKEEP_TESTING_MARIADB_SERVER_H
+#define MXKEEP_TESTING_MARIADB_SERVER_H
+
+#include <gtest/gtest.h>
+#include <mysql.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// The password of the account "admin", as the fixture writes it (with a
+// trailing newline) into /etc/orb/.orb.shadow.
+constexpr char kDbAdminPassword[] = "s3cret-Adm1n";
+
+// One command of the general query log.
+struct LoggedCommand {
+  long long thread = 0;  // the server's connection id
+  std::string command;   // "Connect", "Query", "Quit", ...
+  std::string argument;  // the statement text of a Query
+};
+
+class MariaDbServer {
+ public:
+  // The one server of this test process.
+  static MariaDbServer& instance();
+
+  MariaDbServer(const MariaDbServer&) = delete;
+  MariaDbServer& operator=(const MariaDbServer&) = delete;
+
+  // start - initialises the data directory (first time only), starts the
+  // server, waits until it accepts connections, creates the account admin.
+  void start();
+  // stop - shuts the server down and waits for it; nothing when stopped.
+  void stop();
+  bool running() const { return pid_ > 0; }
+
+  // exec - runs one or more statements (separated by ";") as root;
+  // throws with the server's message on the first error.
+  void exec(const std::string& sql);
+  // query - the rows of one statement run as root; NULL reads as "NULL".
+  std::vector<std::vector<std::string>> query(const std::string& sql);
+
+  // resetForTest - fresh database "orb" with every table empty, the
+  // password file written, the query log emptied.
+  void resetForTest();
+
+  // adminLog - the commands of the account admin since the last reset.
+  std::vector<LoggedCommand> adminLog();
+  // adminQueries - the statement texts of adminLog, in order.
+  std::vector<std::string> adminQueries();
+  // waitForQuit - true once the log shows that connection `thread` has
+  // quit; false after ten seconds. A client's close is not acknowledged by
+  // the server, so its Quit is logged a moment after the client returns.
+  bool waitForQuit(long long thread);
+
+ private:
+  MariaDbServer() = default;
+  ~MariaDbServer();
+
+  MYSQL* root();
+  void connectRoot();
+
+  pid_t pid_ = -1;
+  MYSQL* root_ = nullptr;
+  bool initialised_ = false;
+};
+
+// Fixture base of tests that use the product database.
+class ProductDbTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  static MariaDbServer& server() { return MariaDbServer::instance(); }
+};
+
+}  // namespace testing_support
+
+#endif  // MXKEEP_TESTING_MARIADB_SERVER_H
