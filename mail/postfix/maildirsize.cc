@@ -13,18 +13,22 @@
 #include <boost/system/error_code.hpp>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <new>
+#include <string>
 
 #include "common/accounts.h"
 #include "common/errors.h"
 #include "common/idn.h"
 #include "common/maildir_walk.h"
 #include "common/orb_conf.h"
+#include "common/product_db.h"
 #include "common/syscall.h"
 #include "common/working_dir.h"
 
@@ -125,6 +129,81 @@ int attachments_size(long long* size) {
   return *size < 0 ? -1 : 1;
 }
 
+// report_condition - report a failure that is no failed system call, so
+// that no stale errno of the client library is printed with it.
+void report_condition(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void report_condition(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  errno = 0;
+  vreport_error(0, 0, format, args);
+  va_end(args);
+}
+
+using CString = std::unique_ptr<char, decltype(&std::free)>;
+
+// ascii_domain - the domain's ASCII form, or null (reported).
+CString ascii_domain(const char* domain) {
+  CString ascii(idn_toascii(domain), &std::free);
+  if (ascii == nullptr)
+    report_condition("idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
+  return ascii;
+}
+
+// A quota as the product database keeps it; anything but a number is none.
+long long parse_quota(const char* text) {
+  long long quota;
+  return text != nullptr && std::sscanf(text, "%lld", &quota) == 1 ? quota : -1;
+}
+
+// open_domain_query - connects to the product database and gives the
+// domain's ASCII name escaped for a quoted SQL literal. False (reported)
+// on failure.
+bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string& escaped) {
+  char err[256];
+  db.reset(db_connect_setup(err, sizeof err));
+  if (db.get() == nullptr) {
+    report_condition("unable to connect to MySQL");
+    return false;
+  }
+  const CString ascii = ascii_domain(domain);
+  if (ascii == nullptr) return false;
+  const size_t length = std::strlen(ascii.get());
+  const CString buffer(static_cast<char*>(std::malloc(2 * length + 1)), &std::free);
+  if (buffer == nullptr) {
+    report_error(0, 0, "unable to allocate memory to properly escape %s", domain);
+    return false;
+  }
+  const unsigned long n = mysql_real_escape_string(db.get(), buffer.get(), ascii.get(), length);
+  escaped.assign(buffer.get(), n);
+  return true;
+}
+
+// run_query - the stored result of sql, or null with the query's or the
+// result's failure reported through the given formats ("%s": mysql_error).
+MYSQL_RES* run_query(MYSQL* conn, const std::string& sql, const char* query_failure,
+                     const char* result_failure) {
+  if (mysql_real_query(conn, sql.data(), sql.size()) != 0) {
+    report_condition(query_failure, mysql_error(conn));
+    return nullptr;
+  }
+  MYSQL_RES* result = mysql_store_result(conn);
+  if (result == nullptr) report_condition(result_failure, mysql_error(conn));
+  return result;
+}
+
+// sql_with - the query text with the escaped name put in; false (reported)
+// when it cannot be built.
+bool sql_with(const char* head, const std::string& escaped, const char* tail, std::string& sql) {
+  try {
+    sql = std::string(head) + escaped + tail;
+    return true;
+  } catch (const std::bad_alloc&) {
+    report_error(0, 0, "domain name is too long to fit query buffer");
+    return false;
+  }
+}
+
 }  // namespace
 
 long long maildirsize_quota_to_write(long long quota) {
@@ -200,11 +279,8 @@ int maildirsize_create_popuser(const char* maildir, long long quota) {
 }
 
 int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) {
-  std::unique_ptr<char, decltype(&std::free)> ascii(idn_toascii(domain), &std::free);
-  if (ascii == nullptr) {
-    report_error(0, 0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
-    return 0;
-  }
+  const CString ascii = ascii_domain(domain);
+  if (ascii == nullptr) return 0;
   char path[zanth::kPathMax];
   if (!zanth::path_format(path, sizeof path, "%s/%s/%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
                           ascii.get(), mailbox)) {
@@ -230,12 +306,61 @@ int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) 
     }
     quota -= attachments;
     if (quota < 0) {
-      errno = 0;  // a warning, not a failed call
-      report_error(0, 0, "%s", kAttachmentsWarning);
+      report_condition("%s", kAttachmentsWarning);
       quota = 0;
     }
   }
   return maildirsize_create_popuser("./Maildir", quota);
+}
+
+int mailbox_reset_quota(const char* domain, const char* mailbox) {
+  long long quota;
+  {
+    zanth::DbConnection db;
+    std::string escaped, sql;
+    if (!open_domain_query(domain, db, escaped) ||
+        !sql_with("SELECT id FROM domains WHERE name='", escaped, "'", sql))
+      return 0;
+    zanth::DbResult found(run_query(db.get(), sql, "Unable to query domain ID: %s",
+                                    "Unable to get domain ID query result: %s"));
+    if (found.get() == nullptr) return 0;
+    MYSQL_ROW row = mysql_fetch_row(found.get());
+    if (row == nullptr || row[0] == nullptr) {
+      report_condition("No such domain %s", domain);
+      return 0;
+    }
+    quota = parse_quota(db_get_dom_limit(row[0], "mbox_quota", db.get()));
+  }
+  return mailbox_set_quota(domain, mailbox, quota);
+}
+
+int domain_set_default_quota(const char* domain, long long quota) {
+  zanth::DbConnection db;
+  std::string escaped, sql;
+  if (!open_domain_query(domain, db, escaped) ||
+      !sql_with("SELECT m.mail_name, m.mbox_quota FROM mail m, domains d WHERE d.id = m.dom_id "
+                "AND d.name='", escaped, "' ", sql))
+    return 0;
+  zanth::DbResult mailboxes(run_query(db.get(), sql, "Unable to query mailnames: %s",
+                                      "Unable to query mailnames: %s"));
+  if (mailboxes.get() == nullptr) return 0;
+  for (MYSQL_ROW row; (row = mysql_fetch_row(mailboxes.get())) != nullptr;) {
+    if (row[0] == nullptr || parse_quota(row[1]) != -1) continue;  // its own quota
+    if (!mailbox_set_quota(domain, row[0], quota)) {
+      report_error(0, 0, "unable to set default mbox quota for domain '%s' (processing '%s')",
+                   domain, row[0]);
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int domain_remove_default_quota(const char* domain) { return domain_set_default_quota(domain, -1); }
+
+int domain_remove_quota(const char* domain) { return domain_set_default_quota(domain, -1); }
+
+int domain_set_quota(const char* domain, long long quota) {
+  return domain_set_default_quota(domain, quota);
 }
 
 namespace zanth {
@@ -247,6 +372,11 @@ namespace fs = boost::filesystem;
 
 boost::system::error_code systemCode(int code) {
   return boost::system::error_code(code, boost::system::system_category());
+}
+
+// The domain manager's failure: the lower layer has said why already.
+void throwUnless(int done, const char* text, const fs::path& path) {
+  if (!done) throw fs::filesystem_error(text, path, systemCode(0));
 }
 
 }  // namespace
@@ -269,6 +399,31 @@ void createMaildirsize(const PopUser& popUser, const std::string& domain,
   }
   if (!maildirsize_create("Maildir", popUser.uid, popUser.gid, maildirsize_quota_to_write(quota), 0))
     throw fs::filesystem_error("create maildirsize", box, systemCode(errno));
+}
+
+void resetMailboxQuota(const PopUser&, const std::string& domain, const std::string& mailbox) {
+  throwUnless(mailbox_reset_quota(domain.c_str(), mailbox.c_str()), "unable to remove quota",
+              mailboxDirectory(domain, mailbox));
+}
+
+void storeDefaultMailboxQuota(const PopUser&, const std::string& domain, long long quota) {
+  throwUnless(domain_set_default_quota(domain.c_str(), quota), "unable to store default mbox quota",
+              domainDirectory(domain));
+}
+
+void removeDefaultMailboxQuota(const PopUser&, const std::string& domain) {
+  throwUnless(domain_remove_default_quota(domain.c_str()), "unable to remove default mbox quota",
+              domainDirectory(domain));
+}
+
+void storeDomainQuota(const PopUser&, const std::string& domain, long long quota) {
+  throwUnless(domain_set_quota(domain.c_str(), quota), "unable to store domain quota",
+              domainDirectory(domain));
+}
+
+void removeDomainQuota(const PopUser&, const std::string& domain) {
+  throwUnless(domain_remove_quota(domain.c_str()), "unable to remove domain quota",
+              domainDirectory(domain));
 }
 
 }  // namespace postfix

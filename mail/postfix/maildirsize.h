@@ -43,6 +43,22 @@ int maildirsize_open_tmp(char* buffer, size_t size);
 // The working directory is the caller's again afterwards. 1 or 0.
 int mailbox_set_quota(const char* domain, const char* mailbox, long long quota);
 
+// mailbox_reset_quota - mailbox_set_quota with the domain's "mbox_quota"
+// limit read from the product database (none when it is not a number).
+// 1 or 0.
+int mailbox_reset_quota(const char* domain, const char* mailbox);
+
+// domain_set_default_quota - mailbox_set_quota for every mailbox of the
+// domain in the product database that has no quota of its own (-1); stops
+// at the first failure. 1 or 0.
+int domain_set_default_quota(const char* domain, long long quota);
+
+// The domain quota and the default mailbox quota are one and the same
+// operation: these set it, or remove it (quota -1), on every such mailbox.
+int domain_remove_default_quota(const char* domain);
+int domain_remove_quota(const char* domain);
+int domain_set_quota(const char* domain, long long quota);
+
 namespace zanth {
 namespace mail {
 namespace postfix {
@@ -53,6 +69,16 @@ namespace postfix {
 // errno; the working directory is restored on every path.
 void createMaildirsize(const PopUser& popUser, const std::string& domain,
                        const std::string& mailbox, long long quota);
+
+// The quota operations of the domain manager over the product database.
+// Each throws a filesystem error with error code 0, its fixed text and the
+// mailbox or domain directory, after the procedural layer has reported why.
+void resetMailboxQuota(const PopUser& popUser, const std::string& domain,
+                       const std::string& mailbox);
+void storeDefaultMailboxQuota(const PopUser& popUser, const std::string& domain, long long quota);
+void removeDefaultMailboxQuota(const PopUser& popUser, const std::string& domain);
+void storeDomainQuota(const PopUser& popUser, const std::string& domain, long long quota);
+void removeDomainQuota(const PopUser& popUser, const std::string& domain);
 
 }  // namespace postfix
 }  // namespace mail
