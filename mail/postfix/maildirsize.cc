@@ -337,12 +337,12 @@ int mailbox_reset_quota(const char* domain, const char* mailbox) {
 int domain_set_default_quota(const char* domain, long long quota) {
   zanth::DbConnection db;
   std::string escaped, sql;
-  if (!open_domain_query(domain, db, escaped) ||
-      !sql_with("SELECT m.mail_name, m.mbox_quota FROM mail m, domains d WHERE d.id = m.dom_id "
-                "AND d.name='", escaped, "' ", sql))
+  static constexpr char kHead[] =
+      "SELECT m.mail_name, m.mbox_quota FROM mail m, domains d WHERE d.id = m.dom_id AND d.name='";
+  if (!open_domain_query(domain, db, escaped) || !sql_with(kHead, escaped, "' ", sql))
     return 0;
-  zanth::DbResult mailboxes(run_query(db.get(), sql, "Unable to query mailnames: %s",
-                                      "Unable to query mailnames: %s"));
+  zanth::DbResult mailboxes(
+      run_query(db.get(), sql, "Unable to query mailnames: %s", "Unable to query mailnames: %s"));
   if (mailboxes.get() == nullptr) return 0;
   for (MYSQL_ROW row; (row = mysql_fetch_row(mailboxes.get())) != nullptr;) {
     if (row[0] == nullptr || parse_quota(row[1]) != -1) continue;  // its own quota
@@ -391,13 +391,15 @@ void createMaildirsize(const PopUser& popUser, const std::string& domain,
   if (quota >= 0) {
     struct stat st;
     // A failed size count is not looked at here: the quota then grows by 1.
-    if (::stat(kAttachmentsDir, &st) == 0 && S_ISDIR(st.st_mode)) quota -= dir_size(kAttachmentsDir);
+    if (::stat(kAttachmentsDir, &st) == 0 && S_ISDIR(st.st_mode))
+      quota -= dir_size(kAttachmentsDir);
     if (quota < 0) {
       std::cerr << kAttachmentsWarning << std::endl;
       quota = 0;
     }
   }
-  if (!maildirsize_create("Maildir", popUser.uid, popUser.gid, maildirsize_quota_to_write(quota), 0))
+  if (!maildirsize_create("Maildir", popUser.uid, popUser.gid, maildirsize_quota_to_write(quota),
+                          0))
     throw fs::filesystem_error("create maildirsize", box, systemCode(errno));
 }
 
