@@ -169,13 +169,14 @@ TEST_F(Maildirsize, FailedWriteLeavesNoTemporaryFileAndKeepsTheCause) {
 
 TEST_F(Maildirsize, TooLongHostNameFailsAtOnce) {
   RunResult r = runInChild([] {
-    char name[64];
+    char name[64];  // room for a short host name, not for one of 64 bytes
+    const std::string shortHost = "mx", longHost(64, 'h');
     int fd = -1;
-    if (::chdir(kMaildir.c_str()) != 0 || (fd = maildirsize_open_tmp(name, sizeof name)) < 0 ||
-        ::close(fd) != 0 || ::unlink(name) != 0)
-      return 2;  // the sandbox's short host name fits
-    const std::string host(64, 'h');
-    if (::unshare(CLONE_NEWUTS) != 0 || ::sethostname(host.data(), host.size()) != 0) return 3;
+    if (::unshare(CLONE_NEWUTS) != 0 || ::sethostname(shortHost.data(), shortHost.size()) != 0 ||
+        ::chdir(kMaildir.c_str()) != 0 || (fd = maildirsize_open_tmp(name, sizeof name)) < 0 ||
+        ::close(fd) != 0 || ::unlink(name) != 0 ||
+        ::sethostname(longHost.data(), longHost.size()) != 0)
+      return 2;
     return maildirsize_open_tmp(name, sizeof name) == -1 && errno == ENAMETOOLONG ? 0 : 1;
   });
   EXPECT_EQ(0, r.exitCode());
