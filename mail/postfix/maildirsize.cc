@@ -1,0 +1,433 @@
+// Mailbox quota files. The writer works inside the Maildir with relative
+// names (the temporary file sits in its tmp/ like any delivery), so the
+// working directory is saved and restored around it by WorkingDirectoryGuard.
+#include "mail/postfix/maildirsize.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <boost/filesystem/exception.hpp>
+#include <boost/filesystem/path.hpp>
+#include <boost/system/error_code.hpp>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "common/accounts.h"
+#include "common/errors.h"
+#include "common/idn.h"
+#include "common/maildir_walk.h"
+#include "common/orb_conf.h"
+#include "common/product_db.h"
+#include "common/syscall.h"
+#include "common/working_dir.h"
+
+namespace {
+
+constexpr mode_t kMaildirsizeMode = 0644;
+constexpr const char* kMaildirsizeName = "maildirsize";
+constexpr const char* kAttachmentsDir = "@attachments";
+constexpr const char* kPopUserName = "popuser";
+constexpr int kTmpAttempts = 5;
+constexpr unsigned kTmpRetrySeconds = 2;
+// gethostname's buffer; a longer name is cut and fails the name format.
+constexpr size_t kHostNameSize = 256;
+// The formatted file must stay below this many bytes.
+constexpr size_t kMaxFileText = 100;
+// A file dated this far back looks older than the readers' 15 minutes.
+constexpr time_t kBackdateSeconds = 960;
+constexpr const char* kAttachmentsWarning =
+    "WARNING: @attachments directory is big enough to disable delivery!";
+
+// An unlinked-on-destruction temporary name, relative to the working
+// directory, unless commit() says it has been renamed into place.
+class TempName final {
+ public:
+  explicit TempName(const char* name) : name_(name) {}
+  ~TempName() {
+    if (name_ == nullptr) return;
+    const int saved = errno;
+    ::unlink(name_);  // clean-up: the first cause is what the caller sees
+    errno = saved;
+  }
+  TempName(const TempName&) = delete;
+  TempName& operator=(const TempName&) = delete;
+  void commit() { name_ = nullptr; }
+
+ private:
+  const char* name_;
+};
+
+// write_all - write every byte, retrying on EINTR and EAGAIN; 0 / -1.
+int write_all(int fd, const char* data, size_t length) {
+  while (length > 0) {
+    const ssize_t n = ::write(fd, data, length);
+    if (n < 0) {
+      if (errno == EINTR || errno == EAGAIN) continue;
+      return -1;
+    }
+    data += n;
+    length -= static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+void sleep_fully(unsigned seconds) {
+  while ((seconds = ::sleep(seconds)) > 0) {
+  }
+}
+
+// lose_tmp - forget a half-made temporary file: close, unlink, errno 0.
+void lose_tmp(zanth::UniqueFd& fd, const char* name) {
+  fd.reset();
+  ::unlink(name);
+  errno = 0;
+}
+
+// write_quota_file - everything between opening the temporary file and
+// renaming it: owner, count, text, write, sync, close. 0 / -1 with errno.
+int write_quota_file(zanth::UniqueFd& fd, uid_t uid, gid_t gid, long long quota_bytes,
+                     unsigned long long quota_count, time_t* newest) {
+  if (::fchown(fd.get(), uid, gid) != 0) return -1;
+  maildir_usage usage;
+  if (maildir_count_usage(".", &usage) != 0) return -1;
+  *newest = usage.newest_mtime;
+  char text[kMaxFileText];
+  const int n = std::snprintf(text, sizeof text, "%lldS,%lluC\n%12lld%12llu\n", quota_bytes,
+                              quota_count, usage.bytes, usage.messages);
+  if (n <= 0 || static_cast<size_t>(n) >= sizeof text) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (write_all(fd.get(), text, static_cast<size_t>(n)) != 0) {
+    report_error(0, 0, "unable to write data to file");
+    return -1;
+  }
+  if (zanth::retryEintr([&] { return ::fsync(fd.get()); }) != 0 || ::close(fd.release()) != 0) {
+    report_error(0, 0, "unable to commit written data to file");
+    return -1;
+  }
+  return 0;
+}
+
+// attachments_size - the apparent size of "@attachments" in the working
+// directory when it is there: 1 with *size, 0 when it is not, -1 on error.
+int attachments_size(long long* size) {
+  struct stat st;
+  if (::lstat(kAttachmentsDir, &st) != 0) return 0;
+  *size = dir_size(kAttachmentsDir);
+  return *size < 0 ? -1 : 1;
+}
+
+// report_condition - report a failure that is no failed system call, so
+// that no stale errno of the client library is printed with it.
+void report_condition(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void report_condition(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  errno = 0;
+  vreport_error(0, 0, format, args);
+  va_end(args);
+}
+
+using CString = std::unique_ptr<char, decltype(&std::free)>;
+
+// ascii_domain - the domain's ASCII form, or null (reported).
+CString ascii_domain(const char* domain) {
+  CString ascii(idn_toascii(domain), &std::free);
+  if (ascii == nullptr)
+    report_condition("idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
+  return ascii;
+}
+
+// A quota as the product database keeps it; anything but a number is none.
+long long parse_quota(const char* text) {
+  long long quota;
+  return text != nullptr && std::sscanf(text, "%lld", &quota) == 1 ? quota : -1;
+}
+
+// open_domain_query - connects to the product database and gives the
+// domain's ASCII name escaped for a quoted SQL literal. False (reported)
+// on failure.
+bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string& escaped) {
+  char err[256];
+  db.reset(db_connect_setup(err, sizeof err));
+  if (db.get() == nullptr) {
+    report_condition("unable to connect to MySQL");
+    return false;
+  }
+  const CString ascii = ascii_domain(domain);
+  if (ascii == nullptr) return false;
+  const size_t length = std::strlen(ascii.get());
+  const CString buffer(static_cast<char*>(std::malloc(2 * length + 1)), &std::free);
+  if (buffer == nullptr) {
+    report_error(0, 0, "unable to allocate memory to properly escape %s", domain);
+    return false;
+  }
+  const unsigned long n = mysql_real_escape_string(db.get(), buffer.get(), ascii.get(), length);
+  escaped.assign(buffer.get(), n);
+  return true;
+}
+
+// run_query - the stored result of sql, or null with the query's or the
+// result's failure reported through the given formats ("%s": mysql_error).
+MYSQL_RES* run_query(MYSQL* conn, const std::string& sql, const char* query_failure,
+                     const char* result_failure) {
+  if (mysql_real_query(conn, sql.data(), sql.size()) != 0) {
+    report_condition(query_failure, mysql_error(conn));
+    return nullptr;
+  }
+  MYSQL_RES* result = mysql_store_result(conn);
+  if (result == nullptr) report_condition(result_failure, mysql_error(conn));
+  return result;
+}
+
+// sql_with - the query text with the escaped name put in; false (reported)
+// when it cannot be built.
+bool sql_with(const char* head, const std::string& escaped, const char* tail, std::string& sql) {
+  try {
+    sql = std::string(head) + escaped + tail;
+    return true;
+  } catch (const std::bad_alloc&) {
+    report_error(0, 0, "domain name is too long to fit query buffer");
+    return false;
+  }
+}
+
+}  // namespace
+
+long long maildirsize_quota_to_write(long long quota) {
+  if (quota < 0) return 0;
+  return quota == 0 ? 1 : quota;
+}
+
+int maildirsize_open_tmp(char* buffer, size_t size) {
+  char host[kHostNameSize];
+  if (::gethostname(host, sizeof host) != 0) {
+    report_error(0, 0, "Unable to receive hostname");
+    return -1;
+  }
+  host[sizeof host - 1] = '\0';
+  for (int attempt = 0; attempt < kTmpAttempts; ++attempt) {
+    if (!zanth::path_format(buffer, size, "tmp/%lu.%u.%s-maildirsize",
+                            static_cast<unsigned long>(std::time(nullptr)),
+                            static_cast<unsigned>(::getpid()), host)) {
+      errno = ENAMETOOLONG;
+      report_error(0, 0, "host name is too long to be used in filename");
+      return -1;
+    }
+    struct stat st;
+    if (::stat(buffer, &st) != 0 && errno == ENOENT) {
+      zanth::UniqueFd fd(zanth::retryEintr(
+          [&] { return ::open(buffer, O_WRONLY | O_CREAT | O_CLOEXEC, kMaildirsizeMode); }));
+      if (fd.get() >= 0) {
+        struct stat by_fd, by_name;
+        if (::fstat(fd.get(), &by_fd) == 0 && ::lstat(buffer, &by_name) == 0 &&
+            by_fd.st_dev == by_name.st_dev && by_fd.st_ino == by_name.st_ino &&
+            zanth::retryEintr([&] { return ::ftruncate(fd.get(), 0); }) == 0)
+          return fd.release();
+        lose_tmp(fd, buffer);
+      }
+    }
+    sleep_fully(kTmpRetrySeconds);
+  }
+  errno = EAGAIN;
+  report_error(0, 0, "Maximal allowed number of attempts to create a maildirsize file exceeded");
+  return -1;
+}
+
+int maildirsize_create(const char* maildir, uid_t uid, gid_t gid, long long quota_bytes,
+                       unsigned long long quota_count) {
+  zanth::WorkingDirectoryGuard cwd;
+  if (!cwd.saved() || zanth::retryEintr([&] { return ::chdir(maildir); }) != 0) return 0;
+  char tmp[zanth::kPathMax];
+  zanth::UniqueFd fd(maildirsize_open_tmp(tmp, sizeof tmp));
+  if (fd.get() < 0) return 0;
+  TempName tmp_name(tmp);
+  time_t counted_newest = 0;
+  if (write_quota_file(fd, uid, gid, quota_bytes, quota_count, &counted_newest) != 0 ||
+      ::rename(tmp, kMaildirsizeName) != 0)
+    return 0;
+  tmp_name.commit();
+  cwd.keep();
+
+  time_t newest = 0;
+  if (maildir_newest_folder_mtime(".", &newest) == 0 && newest <= counted_newest) return 1;
+  // Mail arrived (or the folders could not be checked) after the count:
+  // make the file look stale so that the next reader counts again.
+  const struct utimbuf times = {std::time(nullptr), counted_newest - kBackdateSeconds};
+  ::utime(kMaildirsizeName, &times);
+  errno = 0;
+  return 1;
+}
+
+int maildirsize_create_popuser(const char* maildir, long long quota) {
+  uid_t uid;
+  gid_t gid;
+  if (account_ids(kPopUserName, &uid, &gid) != 0) return 0;
+  return maildirsize_create(maildir, uid, gid, maildirsize_quota_to_write(quota), 0);
+}
+
+int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) {
+  const CString ascii = ascii_domain(domain);
+  if (ascii == nullptr) return 0;
+  char path[zanth::kPathMax];
+  if (!zanth::path_format(path, sizeof path, "%s/%s/%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
+                          ascii.get(), mailbox)) {
+    errno = ENAMETOOLONG;
+    report_error(0, 0, "domain and/or user name too long to be stored on the filesystem");
+    return 0;
+  }
+  zanth::WorkingDirectoryGuard cwd;
+  if (!cwd.saved()) {
+    report_error(0, 0, "unable to get current working directory");
+    return 0;
+  }
+  if (zanth::retryEintr([&] { return ::chdir(path); }) != 0) {
+    report_error(0, 0, "unable to change to mbox folder %s: %s", path, std::strerror(errno));
+    return 0;
+  }
+  long long attachments = 0;
+  if (quota >= 0) {
+    const int found = attachments_size(&attachments);
+    if (found < 0) {
+      report_error(0, 0, "unable to count attachments folder size");
+      return 0;
+    }
+    quota -= attachments;
+    if (quota < 0) {
+      report_condition("%s", kAttachmentsWarning);
+      quota = 0;
+    }
+  }
+  return maildirsize_create_popuser("./Maildir", quota);
+}
+
+int mailbox_reset_quota(const char* domain, const char* mailbox) {
+  long long quota;
+  {
+    zanth::DbConnection db;
+    std::string escaped, sql;
+    if (!open_domain_query(domain, db, escaped) ||
+        !sql_with("SELECT id FROM domains WHERE name='", escaped, "'", sql))
+      return 0;
+    zanth::DbResult found(run_query(db.get(), sql, "Unable to query domain ID: %s",
+                                    "Unable to get domain ID query result: %s"));
+    if (found.get() == nullptr) return 0;
+    MYSQL_ROW row = mysql_fetch_row(found.get());
+    if (row == nullptr || row[0] == nullptr) {
+      report_condition("No such domain %s", domain);
+      return 0;
+    }
+    quota = parse_quota(db_get_dom_limit(row[0], "mbox_quota", db.get()));
+  }
+  return mailbox_set_quota(domain, mailbox, quota);
+}
+
+int domain_set_default_quota(const char* domain, long long quota) {
+  zanth::DbConnection db;
+  std::string escaped, sql;
+  static constexpr char kHead[] =
+      "SELECT m.mail_name, m.mbox_quota FROM mail m, domains d WHERE d.id = m.dom_id AND d.name='";
+  if (!open_domain_query(domain, db, escaped) || !sql_with(kHead, escaped, "' ", sql))
+    return 0;
+  zanth::DbResult mailboxes(
+      run_query(db.get(), sql, "Unable to query mailnames: %s", "Unable to query mailnames: %s"));
+  if (mailboxes.get() == nullptr) return 0;
+  for (MYSQL_ROW row; (row = mysql_fetch_row(mailboxes.get())) != nullptr;) {
+    if (row[0] == nullptr || parse_quota(row[1]) != -1) continue;  // its own quota
+    if (!mailbox_set_quota(domain, row[0], quota)) {
+      report_error(0, 0, "unable to set default mbox quota for domain '%s' (processing '%s')",
+                   domain, row[0]);
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int domain_remove_default_quota(const char* domain) { return domain_set_default_quota(domain, -1); }
+
+int domain_remove_quota(const char* domain) { return domain_set_default_quota(domain, -1); }
+
+int domain_set_quota(const char* domain, long long quota) {
+  return domain_set_default_quota(domain, quota);
+}
+
+namespace zanth {
+namespace mail {
+namespace postfix {
+namespace {
+
+namespace fs = boost::filesystem;
+
+boost::system::error_code systemCode(int code) {
+  return boost::system::error_code(code, boost::system::system_category());
+}
+
+// The domain manager's failure: the lower layer has said why already.
+void throwUnless(int done, const char* text, const fs::path& path) {
+  if (!done) throw fs::filesystem_error(text, path, systemCode(0));
+}
+
+}  // namespace
+
+void createMaildirsize(const PopUser& popUser, const std::string& domain,
+                       const std::string& mailbox, long long quota) {
+  const fs::path box = mailboxDirectory(domain, mailbox);
+  WorkingDirectoryGuard cwd;
+  if (!cwd.saved()) throw fs::filesystem_error("getcwd", systemCode(errno));
+  if (retryEintr([&] { return ::chdir(box.c_str()); }) != 0)
+    throw fs::filesystem_error("chdir", box, systemCode(errno));
+  if (quota >= 0) {
+    struct stat st;
+    // A failed size count is not looked at here: the quota then grows by 1.
+    if (::stat(kAttachmentsDir, &st) == 0 && S_ISDIR(st.st_mode))
+      quota -= dir_size(kAttachmentsDir);
+    if (quota < 0) {
+      std::cerr << kAttachmentsWarning << std::endl;
+      quota = 0;
+    }
+  }
+  if (!maildirsize_create("Maildir", popUser.uid, popUser.gid, maildirsize_quota_to_write(quota),
+                          0))
+    throw fs::filesystem_error("create maildirsize", box, systemCode(errno));
+}
+
+void resetMailboxQuota(const PopUser&, const std::string& domain, const std::string& mailbox) {
+  throwUnless(mailbox_reset_quota(domain.c_str(), mailbox.c_str()), "unable to remove quota",
+              mailboxDirectory(domain, mailbox));
+}
+
+void storeDefaultMailboxQuota(const PopUser&, const std::string& domain, long long quota) {
+  throwUnless(domain_set_default_quota(domain.c_str(), quota), "unable to store default mbox quota",
+              domainDirectory(domain));
+}
+
+void removeDefaultMailboxQuota(const PopUser&, const std::string& domain) {
+  throwUnless(domain_remove_default_quota(domain.c_str()), "unable to remove default mbox quota",
+              domainDirectory(domain));
+}
+
+void storeDomainQuota(const PopUser&, const std::string& domain, long long quota) {
+  throwUnless(domain_set_quota(domain.c_str(), quota), "unable to store domain quota",
+              domainDirectory(domain));
+}
+
+void removeDomainQuota(const PopUser&, const std::string& domain) {
+  throwUnless(domain_remove_quota(domain.c_str()), "unable to remove domain quota",
+              domainDirectory(domain));
+}
+
+}  // namespace postfix
+}  // namespace mail
+}  // namespace zanth
