@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -101,6 +102,20 @@ void empty_dir(DIR* dir) {
       remove_tree(name, 1);
     }
   }
+}
+
+// open_ownable - path opened for fchown and fchmod: not through a link,
+// and not a regular file that has other names. -1 with errno otherwise.
+int open_ownable(const char* path) {
+  zanth::UniqueFd fd(zanth::retryEintr(
+      [&] { return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+  struct stat st;
+  if (fd.get() < 0 || fstat(fd.get(), &st) != 0) return -1;
+  if (S_ISREG(st.st_mode) && st.st_nlink > 1) {
+    errno = EMLINK;
+    return -1;
+  }
+  return fd.release();
 }
 
 }  // namespace
@@ -204,4 +219,24 @@ void remove_tree(const char* path, int remove_top) {
   if (closedir(dir) != 0) tree_failure("Unable to close dir %s: %s\n", path);
   if (remove_top && zanth::retryEintr([&] { return rmdir(path); }) != 0 && errno != ENOENT)
     tree_failure("Unable to remove dir %s: %s\n", path);
+}
+
+int set_owner_by_name(const char* path, const char* user, mode_t mode) {
+  errno = 0;
+  const struct passwd* pw = getpwnam(user);
+  if (pw == nullptr) {
+    report_error(0, 0, "user %s not found", user);
+    return -1;
+  }
+  zanth::UniqueFd fd(open_ownable(path));
+  if (fd.get() < 0 ||
+      zanth::retryEintr([&] { return fchown(fd.get(), pw->pw_uid, pw->pw_gid); }) != 0) {
+    report_error(0, 0, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
+    return -1;
+  }
+  if (zanth::retryEintr([&] { return fchmod(fd.get(), mode); }) != 0) {
+    report_error(0, 0, "ERROR: unable to chmod %s: %s\n", path, std::strerror(errno));
+    return -1;
+  }
+  return 0;
 }

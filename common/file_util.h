@@ -1,7 +1,8 @@
 // File and directory helpers of the procedural mail code: directory paths
 // (plain, or with owner and mode), empty files, the first line of a small
-// file, and tree removal. Problems are reported through report_error; the
-// ones marked "ends the process" exit with status 1 on purpose.
+// file, tree removal, and giving a file to an account by name. Problems
+// are reported through report_error; the ones marked "ends the process"
+// exit with status 1 on purpose.
 #ifndef MXKEEP_COMMON_FILE_UTIL_H
 #define MXKEEP_COMMON_FILE_UTIL_H
 
@@ -39,5 +40,13 @@ int read_first_line(char* buffer, size_t size, const char* path);
 // missing path is fine. Any failure ends the process. Changes the working
 // directory while it runs and restores it.
 void remove_tree(const char* path, int remove_top);
+
+// set_owner_by_name - give path to the account user (its uid and primary
+// gid) with mode. A symbolic link at path is refused, never followed, and
+// so is a regular file with other hard links: in a directory its user
+// owns, the name may have been swapped for a link to a system file.
+// 0 or -1 (reported: "user %s not found", "ERROR: unable to chown %s: %s\n",
+// "ERROR: unable to chmod %s: %s\n").
+int set_owner_by_name(const char* path, const char* user, mode_t mode);
 
 #endif  // MXKEEP_COMMON_FILE_UTIL_H

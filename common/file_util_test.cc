@@ -110,4 +110,21 @@ TEST_F(FileUtil, RemoveTreeNeverFollowsLinks) {
   EXPECT_FALSE(pathExists(top));
 }
 
+TEST_F(FileUtil, SetOwnerByNameGivesRegularFilesAndRefusesLinks) {
+  const std::string file = dir_ / "file", link = dir_ / "link";
+  writeFile(file, "x", 0644);
+  ASSERT_EQ(0, symlink(file.c_str(), link.c_str()));
+  RunResult r = runInChild([&] {
+    std::printf("<%d>", set_owner_by_name(link.c_str(), "popuser", 0600));
+    std::printf("<%d>", set_owner_by_name(file.c_str(), "nosuchuser", 0600));
+    return set_owner_by_name(file.c_str(), "popuser", 0600);
+  });
+  EXPECT_EQ(0, r.exitCode());
+  EXPECT_EQ("ERROR: unable to chown " + link + ": Too many levels of symbolic links\n"
+            "\nSystem error 40: Too many levels of symbolic links\n<-1>"
+            "user nosuchuser not found\n<-1>",
+            r.out);
+  EXPECT_EQ("popuser:popuser 600\n", shell("stat -c '%U:%G %a' " + file).out);
+}
+
 }  // namespace

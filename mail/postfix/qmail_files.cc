@@ -1,0 +1,232 @@
+// Delivery files. The edits of one call are made in a single locked
+// rewrite of the file (file_str_edit), so the delivery agent never reads
+// it between dropping a line and adding it again: a mailbox being enabled
+// a second time never passes through a moment of "| true" alone.
+#include "mail/postfix/qmail_files.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/errors.h"
+#include "common/file_str.h"
+#include "common/file_util.h"
+#include "common/idn.h"
+#include "common/orb_conf.h"
+#include "common/syscall.h"
+#include "mail/postfix/mail_dirs.h"
+
+namespace {
+
+constexpr const char* kDiscardLine = "| true\n";
+constexpr const char* kDeliverLine = "| /usr/bin/deliverquota ./Maildir";
+// A quota-blind delivery line written by other tools; never kept.
+constexpr const char* kPlainMaildirLine = "./Maildir/";
+constexpr const char* kOwner = "popuser";
+constexpr mode_t kMode = 0600;
+
+bool isAsciiAlnum(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
+// mailname_format - root/<ASCII domain>/<mailname> + suffix into buf;
+// too_long is the message for a path that does not fit. Failures that are
+// no system error are reported without errno and leave it set for callers.
+int mailname_format(char* buf, size_t size, const char* mailname, const char* domain,
+                    const char* suffix, const char* too_long) {
+  if (mailname == nullptr || domain == nullptr ||
+      !(isAsciiAlnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-')) {
+    errno = 0;
+    report_error(0, 0, "empty mailname or maildomain");
+    errno = EINVAL;
+    return -1;
+  }
+  idn_last_error = 0;
+  char* ascii = idn_toascii(domain);
+  if (ascii == nullptr) {
+    errno = 0;
+    report_error(0, 0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
+    errno = EINVAL;
+    return -1;
+  }
+  bool fits = zanth::path_format(buf, size, "%s/%s/%s%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
+                                 ascii, mailname, suffix);
+  std::free(ascii);
+  if (!fits) {
+    errno = 0;
+    report_error(0, 0, too_long, domain, mailname);
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  return 0;
+}
+
+// forward_line - "&" + address with its domain in ASCII + line_end, as a
+// heap string; null when reported.
+char* forward_line(const char* address, const char* line_end, const char* asprintf_failure) {
+  idn_last_error = 0;
+  char* ascii = idn_email_toascii(address);
+  if (ascii == nullptr || idn_last_error != 0) {
+    // Without "@" there is no error code to name.
+    const char* why =
+        idn_last_error != 0 ? idn_strerror(idn_last_error) : "no \"@\" in the address";
+    std::free(ascii);
+    errno = 0;
+    report_error(0, 0, "idn_email_toascii(%s) failed: %s", address, why);
+    errno = EINVAL;
+    return nullptr;
+  }
+  char* line = nullptr;
+  if (asprintf(&line, "&%s%s", ascii, line_end) < 0) {
+    line = nullptr;
+    report_error(0, 0, asprintf_failure, ascii, std::strerror(errno));
+  }
+  std::free(ascii);
+  return line;
+}
+
+int set_delivery_owner(const char* path) { return set_owner_by_name(path, kOwner, kMode); }
+
+// edit - one rewrite of the delivery file, then its owner and mode.
+int edit(const char* path, const char* const* remove, size_t count, const char* add,
+         const char* failure) {
+  if (file_str_edit(path, remove, count, add) != 0) {
+    report_error(0, 0, failure, path);
+    return -1;
+  }
+  return set_delivery_owner(path);
+}
+
+// edit_forward - drop the address's "&" lines and, when adding, append
+// one. The two directions build their line differently (with and without
+// the line feed) and have their own texts; both name the same lines.
+int edit_forward(const char* path, const char* address, bool adding) {
+  char* line = adding ? forward_line(address, "", "asprintf(\"&%%s\", %s) failed: %s")
+                      : forward_line(address, "\n", "asprintf(\"&%%s\", %s): %s");
+  if (line == nullptr) return -1;
+  int result = edit(path, &line, 1, adding ? line : nullptr,
+                    adding ? "Unable to add string to %s file."
+                           : "Unable to remove string from %s file.");
+  std::free(line);
+  return result;
+}
+
+// on_qmail_path - run step on the delivery file of mailname in domain.
+template <class Step>
+int on_qmail_path(const char* mailname, const char* domain, Step step) {
+  char path[zanth::kPathMax];
+  if (qmail_path(path, sizeof path, mailname, domain) != 0) return -1;
+  return step(path);
+}
+
+const char* const kMaildirLines[] = {kPlainMaildirLine, kDeliverLine};
+constexpr size_t kMaildirLineCount = sizeof kMaildirLines / sizeof kMaildirLines[0];
+
+}  // namespace
+
+int qmail_path(char* buf, size_t size, const char* mailname, const char* domain) {
+  return mailname_format(buf, size, mailname, domain, "/.qmail",
+                         "Either domain name '%s' or mailname '%s' are too long to store .qmail "
+                         "path in the provided buffer");
+}
+
+int mailname_home_path(char* buf, size_t size, const char* mailname, const char* domain) {
+  return mailname_format(buf, size, mailname, domain, "",
+                         "Either domain name '%s' or mailname '%s' are too long to store mailname "
+                         "home path in the provided buffer");
+}
+
+int qmail_write_discard(const char* path) {
+  zanth::ReplacementFile file(path);
+  if (!file.open()) {
+    report_error(0, 0, "Unable to open %s: %s", path, std::strerror(errno));
+    return -1;
+  }
+  if (!file.write(kDiscardLine) || !file.commit(kMode)) {
+    file.discard();
+    report_error(0, 0, "Unable to write to %s: %s", path, std::strerror(errno));
+    return -1;
+  }
+  return set_delivery_owner(path);
+}
+
+int qmail_file_enable_mailbox(const char* path) {
+  return edit(path, kMaildirLines, kMaildirLineCount, kDeliverLine,
+              "Unable to add string to %s file.");
+}
+
+int qmail_file_disable_mailbox(const char* path) {
+  return edit(path, kMaildirLines, kMaildirLineCount, nullptr,
+              "Unable to remove string from %s file");
+}
+
+int qmail_file_add_forward(const char* path, const char* address) {
+  return edit_forward(path, address, true);
+}
+
+int qmail_file_remove_forward(const char* path, const char* address) {
+  return edit_forward(path, address, false);
+}
+
+int qmail_enable_mailbox(const char* mailname, const char* domain) {
+  return on_qmail_path(mailname, domain, qmail_file_enable_mailbox);
+}
+
+int qmail_disable_mailbox(const char* mailname, const char* domain) {
+  return on_qmail_path(mailname, domain, qmail_file_disable_mailbox);
+}
+
+int qmail_add_forward(const char* mailname, const char* domain, const char* address) {
+  return on_qmail_path(mailname, domain,
+                       [&](const char* path) { return qmail_file_add_forward(path, address); });
+}
+
+int qmail_remove_forward(const char* mailname, const char* domain, const char* address) {
+  return on_qmail_path(mailname, domain,
+                       [&](const char* path) { return qmail_file_remove_forward(path, address); });
+}
+
+namespace zanth {
+namespace mail {
+namespace postfix {
+namespace {
+
+// modify - run the lower step on the mailbox's delivery file.
+template <class Step>
+void modify(const std::string& domain, const std::string& mailbox, Step step) {
+  const std::string path = (mailboxDirectory(domain, mailbox) / ".qmail").string();
+  if (step(path.c_str()) != 0) throw SystemError("unable to modify " + path);
+}
+
+}  // namespace
+
+void createQmailFile(const std::string& domain, const std::string& mailbox) {
+  modify(domain, mailbox, qmail_write_discard);
+}
+
+void addForward(const std::string& domain, const std::string& mailbox,
+                const std::string& address) {
+  modify(domain, mailbox,
+         [&](const char* path) { return qmail_file_add_forward(path, address.c_str()); });
+}
+
+void removeForward(const std::string& domain, const std::string& mailbox,
+                   const std::string& address) {
+  modify(domain, mailbox,
+         [&](const char* path) { return qmail_file_remove_forward(path, address.c_str()); });
+}
+
+void enableMailbox(const std::string& domain, const std::string& mailbox) {
+  modify(domain, mailbox, qmail_file_enable_mailbox);
+}
+
+void disableMailbox(const std::string& domain, const std::string& mailbox) {
+  modify(domain, mailbox, qmail_file_disable_mailbox);
+}
+
+}  // namespace postfix
+}  // namespace mail
+}  // namespace zanth
