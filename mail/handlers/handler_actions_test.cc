@@ -65,4 +65,20 @@ TEST_F(HandlerActions, MassOperationCountsDamagedHandlersAndGoesOn) {
   EXPECT_NE("<null>", str(handler_find("spam", "sender-domain", "b.example", "smtp")));
 }
 
+TEST_F(HandlerActions, UpdateRecreatesTheHandlerUnderTheTemplateGiven) {
+  const std::string old_name = add("recipient", "u@a.example", "antispam", "20");
+  ASSERT_EQ("20-antispam-", old_name.substr(0, 12));
+  // "spam" finds "antispam" by substring; the re-created handler is "spam".
+  ASSERT_EQ(0, handler_update("spam", "recipient", "u@a.example", nullptr, "new ctx", "smtp",
+                              nullptr));
+  EXPECT_EQ(Strings(), captured_log);
+  const std::vector<std::filesystem::path> left(std::filesystem::directory_iterator(kInfo), {});
+  ASSERT_EQ(1u, left.size());
+  const std::string name = left[0].filename();
+  EXPECT_EQ("20-spam-", name.substr(0, 8));
+  EXPECT_EQ("new ctx\nsmtp\nu@a.example\n", params(name, {"context", "hook", "recipient"}));
+  EXPECT_TRUE(switchedOn("recipient/u@a.example", name));
+  EXPECT_FALSE(switchedOn("recipient/u@a.example", old_name));
+}
+
 }  // namespace

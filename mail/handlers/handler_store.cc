@@ -425,15 +425,12 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
     if (!old_priority) return -1;
     priority = old_priority.get();
   }
-  // The handler keeps its own template part even when tmpl matched only a
-  // substring of its name.
-  OwnedString own_template(handler_template(name.get()));
-  if (!own_template) return -1;
-
   int final_action = handler_action(name.get(), nullptr, kHandlerQuery) == 1 ? kHandlerSwitchOn
                                                                              : kHandlerSwitchOff;
   if (handler_action(name.get(), nullptr, kHandlerRemove) != 0) return -1;
-  return handler_add(own_template.get(), type_name, target, executable, context, hook, priority,
+  // Re-created under tmpl, which may differ from the template part of the
+  // old name: tmpl found it as a substring.
+  return handler_add(tmpl, type_name, target, executable, context, hook, priority,
                      final_action);
 }
 
