@@ -115,17 +115,12 @@ int removeHandler(const char* name, const Location& loc) {
 }
 
 // Makes a switched-on copy of the handler for target. When a handler of the
-// same template, type and hook already serves target, nothing is created;
-// *is_self then tells whether that handler is this very one.
-int retarget(const char* name, const Location& loc, const char* target, bool* is_self) {
-  *is_self = false;
+// same template, type and hook already serves target, nothing is created.
+int retarget(const char* name, const Location& loc, const char* target) {
   OwnedString tmpl(handler_template(name));
   if (!tmpl) return -1;
   OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
-  if (existing) {
-    *is_self = std::strcmp(existing.get(), name) == 0;
-    return 0;
-  }
+  if (existing) return 0;
   OwnedString priority(handler_priority(name));
   OwnedString executable(handler_executable(name));
   OwnedString context(handler_param(name, "context"));
@@ -177,7 +172,6 @@ int handler_action(const char* name, const char* new_target, int action) {
   if (!locate(name, &loc)) return -1;
 
   int result = 0;
-  bool is_self = false;
   switch (action) {
     case kHandlerRemove:
       if (removeHandler(name, loc) != 0) return -1;
@@ -191,12 +185,13 @@ int handler_action(const char* name, const char* new_target, int action) {
     case kHandlerQuery:
       return exists(loc.entry) ? 1 : 0;
     case kHandlerRetarget:
-      result = retarget(name, loc, new_target, &is_self);
+      result = retarget(name, loc, new_target);
       break;
     case kHandlerRename:
-      result = retarget(name, loc, new_target, &is_self);
-      // Renaming to the target the handler already has must not delete it.
-      if (result == 0 && !is_self && removeHandler(name, loc) != 0) return -1;
+      // The copy found may be the handler itself (the targets differ only in
+      // case); the original is removed all the same.
+      result = retarget(name, loc, new_target);
+      if (result == 0 && removeHandler(name, loc) != 0) return -1;
       break;
     default:
       mail_log(kLogErr, "UKNOWN ACTION %d requested for handler %s", action, name);

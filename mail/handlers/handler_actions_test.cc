@@ -81,4 +81,16 @@ TEST_F(HandlerActions, UpdateRecreatesTheHandlerUnderTheTemplateGiven) {
   EXPECT_FALSE(switchedOn("recipient/u@a.example", old_name));
 }
 
+TEST_F(HandlerActions, RenameToTheSameTargetInOtherCaseStillRemovesTheHandler) {
+  // The copy search ignores case and so finds the handler itself: nothing
+  // is copied, and the rename goes on to remove the original all the same.
+  const std::string name = add("recipient", "u@a.example");
+  add("recipient", "v@a.example");
+  ASSERT_EQ(0, handler_action(name.c_str(), "U@A.example", 6));
+  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_FALSE(testing_support::pathExists(kInfo + name));
+  EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(kInfo), {}));
+}
+
 }  // namespace
