@@ -4,21 +4,24 @@
 // is followed by a refresh and the removal of an emptied queue directory.
 #include "mail/handlers/handler_actions.h"
 
-#include <dirent.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
 #include "common/util_exec.h"
+#include "mail/handlers/handler_index.h"
 #include "mail/handlers/handler_store.h"
 
 using zanth::path_format;
+using zanth::handlers::HandlerIndex;
 using zanth::handlers::OwnedString;
 
 namespace {
@@ -122,100 +125,20 @@ int removeHandler(const char* name, const Location& loc) {
   return 0;
 }
 
-// Makes a switched-on copy of the handler for target. When a handler of the
-// same template, type and hook already serves target, nothing is created.
-int retarget(const char* name, const Location& loc, const char* target) {
-  OwnedString tmpl(handler_template(name));
-  if (!tmpl) return -1;
-  OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
-  if (existing) return 0;
-  OwnedString priority(handler_priority(name));
-  OwnedString executable(handler_executable(name));
-  OwnedString context(handler_param(name, "context"));
-  if (!priority || !executable || !context) return -1;
-  return handler_add(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
-                     loc.hook.get(), priority.get(), kHandlerSwitchOn);
-}
-
-// Acts on one entry of a mass operation; logs and counts a failure.
-void actCounted(const char* name, const char* target, int action, int* errors) {
-  if (handler_action(name, target, action) != 0) {
-    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
-    ++*errors;
+// Tells an index of a description created in its store when the creating
+// function returns, whichever way it does.
+struct AnnounceOnExit {
+  HandlerIndex* index;
+  const char* name;
+  ~AnnounceOnExit() {
+    if (index != nullptr) index->added(name);
   }
-}
+};
 
-int massResult(int errors) {
-  if (errors == 0) return 0;
-  mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
-  return -1;
-}
-
-bool isDotEntry(const char* name) {
-  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-// forEachHandler - calls visit(name, &errors) for every stored handler, in
-// directory order, and turns the error count into the mass result.
-template <class Visit>
-int forEachHandler(Visit visit) {
-  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
-  if (dir.get() == nullptr) {
-    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
-    return -1;
-  }
-  int errors = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    if (!isDotEntry(entry->d_name)) visit(entry->d_name, &errors);
-  }
-  dir.reset();
-  return massResult(errors);
-}
-
-}  // namespace
-
-int handler_action(const char* name, const char* new_target, int action) {
-  if (name == nullptr) name = "(null)";
-  Location loc;
-  if (!locate(name, &loc)) return -1;
-
-  int result = 0;
-  switch (action) {
-    case kHandlerRemove:
-      if (removeHandler(name, loc) != 0) return -1;
-      break;
-    case kHandlerSwitchOn:
-      result = switchOn(loc);
-      break;
-    case kHandlerSwitchOff:
-      if (switchOff(loc) != 0) return -1;
-      break;
-    case kHandlerQuery:
-      return exists(loc.entry) ? 1 : 0;
-    case kHandlerRetarget:
-      result = retarget(name, loc, new_target);
-      break;
-    case kHandlerRename:
-      // The copy found may be the handler itself (the targets differ only in
-      // case); the original is removed all the same.
-      result = retarget(name, loc, new_target);
-      if (result == 0 && removeHandler(name, loc) != 0) return -1;
-      break;
-    default:
-      mail_log(kLogErr, "UKNOWN ACTION %d requested for handler %s", action, name);
-      result = -1;
-      break;
-  }
-  handlers_refresh();
-  // Drop the queue directory when this left it empty; anything else keeps it.
-  int saved_errno = errno;
-  ::rmdir(loc.queue);
-  errno = saved_errno;
-  return result;
-}
-
-int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
-                const char* context, const char* hook, const char* priority, int final_action) {
+// handler_add, telling index (when given) of the description it creates.
+int addHandler(const char* tmpl, const char* type_name, const char* target,
+               const char* executable, const char* context, const char* hook,
+               const char* priority, int final_action, HandlerIndex* index) {
   struct stat st;
   if (executable == nullptr) errno = EFAULT;
   if (executable == nullptr || ::stat(executable, &st) != 0) {
@@ -246,6 +169,9 @@ int handler_add(const char* tmpl, const char* type_name, const char* target, con
     mail_log(kLogErr, "Unable to create directory %s: %s", dir, std::strerror(errno));
     return -1;
   }
+  const char* name = dir + std::strlen(kHandlersInfoRoot) + 1;
+  // However far it gets, the new description is now part of the store.
+  const AnnounceOnExit announce{index, name};
   if (::chmod(dir, kDescriptionMode) != 0) {
     mail_log(kLogErr, "Unable to change permissions for directory '%s': %s", dir,
              std::strerror(errno));
@@ -290,7 +216,120 @@ int handler_add(const char* tmpl, const char* type_name, const char* target, con
     mail_log(kLogErr, "Unable to symlink '%s' to '%s'", executable, link);
     return -1;
   }
-  return handler_action(dir + std::strlen(kHandlersInfoRoot) + 1, nullptr, final_action);
+  return handler_action(name, nullptr, final_action);
+}
+
+// Makes a switched-on copy of the handler for target. When a handler of the
+// same template, type and hook already serves target, nothing is created.
+// The copy search asks index, when given, before the store.
+int retarget(const char* name, const Location& loc, const char* target, HandlerIndex* index) {
+  OwnedString tmpl(handler_template(name));
+  if (!tmpl) return -1;
+  std::string found;
+  HandlerIndex::Find known = HandlerIndex::Find::kAskStore;
+  if (index != nullptr)
+    known = index->find(tmpl.get(), loc.type_name, target, loc.hook.get(), &found);
+  if (known == HandlerIndex::Find::kFound) return 0;
+  if (known == HandlerIndex::Find::kAskStore) {
+    OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
+    if (existing) return 0;
+  }
+  OwnedString priority(handler_priority(name));
+  OwnedString executable(handler_executable(name));
+  OwnedString context(handler_param(name, "context"));
+  if (!priority || !executable || !context) return -1;
+  return addHandler(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
+                    loc.hook.get(), priority.get(), kHandlerSwitchOn, index);
+}
+
+// handler_action; a re-target searches index, when given, for its copy.
+int act(const char* name, const char* new_target, int action, HandlerIndex* index) {
+  if (name == nullptr) name = "(null)";
+  Location loc;
+  if (!locate(name, &loc)) return -1;
+
+  int result = 0;
+  switch (action) {
+    case kHandlerRemove:
+      if (removeHandler(name, loc) != 0) return -1;
+      break;
+    case kHandlerSwitchOn:
+      result = switchOn(loc);
+      break;
+    case kHandlerSwitchOff:
+      if (switchOff(loc) != 0) return -1;
+      break;
+    case kHandlerQuery:
+      return exists(loc.entry) ? 1 : 0;
+    case kHandlerRetarget:
+      result = retarget(name, loc, new_target, index);
+      break;
+    case kHandlerRename:
+      // The copy found may be the handler itself (the targets differ only in
+      // case); the original is removed all the same.
+      result = retarget(name, loc, new_target, index);
+      if (result == 0 && removeHandler(name, loc) != 0) return -1;
+      break;
+    default:
+      mail_log(kLogErr, "UKNOWN ACTION %d requested for handler %s", action, name);
+      result = -1;
+      break;
+  }
+  handlers_refresh();
+  // Drop the queue directory when this left it empty; anything else keeps it.
+  int saved_errno = errno;
+  ::rmdir(loc.queue);
+  errno = saved_errno;
+  return result;
+}
+
+// Acts on entry i of a mass operation; logs and counts a failure.
+void actCounted(HandlerIndex& index, size_t i, const char* target, int action, int* errors) {
+  // The index's copy of the name moves when the action adds a handler.
+  char name[NAME_MAX + 1];
+  std::strncpy(name, index.name(i), sizeof name - 1);
+  name[sizeof name - 1] = '\0';
+  if (act(name, target, action, &index) != 0) {
+    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    ++*errors;
+  }
+  index.forgetIfGone(i);
+}
+
+int massResult(int errors) {
+  if (errors == 0) return 0;
+  mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
+  return -1;
+}
+
+// forEachHandler - calls visit(index, i, &errors) for every handler stored
+// when it starts, in directory order, and turns the error count into the
+// mass result. Handlers the visits create are not visited: a copy carries
+// the new target and would be passed over anyway.
+template <class Visit>
+int forEachHandler(Visit visit) {
+  HandlerIndex index;
+  if (!index.load()) {
+    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    return -1;
+  }
+  int errors = 0;
+  for (size_t i = 0, stored = index.size(); i < stored; ++i) {
+    if (!index.gone(i)) visit(index, i, &errors);
+  }
+  return massResult(errors);
+}
+
+}  // namespace
+
+int handler_action(const char* name, const char* new_target, int action) {
+  return act(name, new_target, action, nullptr);
+}
+
+int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
+                const char* context, const char* hook, const char* priority, int final_action) {
+  return addHandler(tmpl, type_name, target, executable, context, hook, priority, final_action,
+                    nullptr);
 }
 
 int handler_update(const char* tmpl, const char* type_name, const char* target,
@@ -363,39 +402,48 @@ int handlers_act_on_target(const char* target, const char* new_target, int actio
     return -1;
   }
   const bool domain_mode = std::strchr(target, '@') == nullptr;
-  return forEachHandler([&](const char* name, int* errors) {
-    OwnedString type(handler_param(name, "handler-type"));
-    if (!type) {
-      mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
-      ++*errors;
-      return;
+  return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
+    const char* type = nullptr;
+    const char* value = nullptr;
+    const bool known = index.typeAndValue(i, &type, &value);
+    const char* name = index.name(i);  // after the index has read its fields
+    OwnedString read_type, read_value;
+    if (!known) {
+      // Read as the store reads, so that it reports what is wrong.
+      read_type.reset(handler_param(name, "handler-type"));
+      if (!read_type) {
+        mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
+        ++*errors;
+        return;
+      }
+      // For a global handler this reads its empty "global" flag: no match.
+      read_value.reset(handler_param(name, read_type.get()));
+      if (!read_value) {
+        mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+        ++*errors;
+        return;
+      }
+      value = read_value.get();
     }
-    // For a global handler this reads its empty "global" flag: no match.
-    OwnedString value(handler_param(name, type.get()));
-    if (!value) {
-      mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
-      ++*errors;
-      return;
-    }
-    if (std::strcmp(value.get(), target) == 0) {
-      actCounted(name, new_target, action, errors);
+    if (std::strcmp(value, target) == 0) {
+      actCounted(index, i, new_target, action, errors);
       return;
     }
     if (!domain_mode) return;
-    const char* at = std::strchr(value.get(), '@');
+    const char* at = std::strchr(value, '@');
     if (at == nullptr || std::strcmp(at + 1, target) != 0) return;
     if (new_target == nullptr) {
-      actCounted(name, nullptr, action, errors);
+      actCounted(index, i, nullptr, action, errors);
       return;
     }
     char address[zanth::kPathMax];
-    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value.get()),
-                     value.get(), new_target)) {
+    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value), value,
+                     new_target)) {
       mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
       ++*errors;
       return;
     }
-    actCounted(name, address, action, errors);
+    actCounted(index, i, address, action, errors);
   });
 }
 
@@ -405,16 +453,16 @@ int handlers_act_on_template(const char* tmpl, int action) {
     return -1;
   }
   const bool all = std::strcmp(tmpl, "all") == 0;
-  return forEachHandler([&](const char* name, int* errors) {
+  return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
     if (!all) {
-      OwnedString own(handler_template(name));
+      OwnedString own(handler_template(index.name(i)));
       if (!own) {
         ++*errors;
         return;
       }
       if (std::strcmp(own.get(), tmpl) != 0) return;
     }
-    actCounted(name, nullptr, action, errors);
+    actCounted(index, i, nullptr, action, errors);
   });
 }
 
