@@ -21,6 +21,7 @@
 #include "mail/handlers/handler_store.h"
 
 using zanth::path_format;
+using zanth::handlers::HandlerFields;
 using zanth::handlers::HandlerIndex;
 using zanth::handlers::OwnedString;
 
@@ -40,45 +41,60 @@ bool empty(const char* s) { return s == nullptr || *s == '\0'; }
 
 // Where a stored handler lives: its type, hook, queue directory and entry.
 struct Location {
-  OwnedString type;
-  OwnedString hook;
+  OwnedString read_hook;
+  const char* hook = nullptr;
   const char* type_name = nullptr;
   char queue[zanth::kPathMax];
   char entry[zanth::kPathMax];
 };
 
-// Reads the handler's type and hook and forms its queue paths; the queue is
-// always that of the stored target, whatever new target an action carries.
-bool locate(const char* name, Location* loc) {
-  loc->type.reset(handler_param(name, "handler-type"));
-  if (!loc->type) {
-    mail_log(kLogErr, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
-    return false;
+// Reads the handler's type and hook, unless known gives them as they would
+// be read, and forms its queue paths; the queue is always that of the
+// stored target, whatever new target an action carries.
+bool locate(const char* name, const HandlerFields* known, Location* loc) {
+  OwnedString read_type;
+  const char* type = known != nullptr ? known->type : nullptr;
+  if (known == nullptr) {
+    read_type.reset(handler_param(name, "handler-type"));
+    if (!read_type) {
+      mail_log(kLogErr, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
+      return false;
+    }
+    type = read_type.get();
   }
-  unsigned code = handler_type_code(loc->type.get());
+  unsigned code = handler_type_code(type);
   if (code == kHandlerTypeUnknown) {
-    mail_log(kLogErr, "Invalid handler type '%s' for handler '%s'", loc->type.get(), name);
+    mail_log(kLogErr, "Invalid handler type '%s' for handler '%s'", type, name);
     return false;
   }
   loc->type_name = handler_type_name(code);
-  loc->hook.reset(handler_param(name, "hook"));
-  if (!loc->hook) {
-    mail_log(kLogErr, "Unable to fetch 'hook' parameter value for handler '%s'", name);
-    return false;
+  loc->hook = known != nullptr ? known->hook : nullptr;
+  if (known == nullptr) {
+    loc->read_hook.reset(handler_param(name, "hook"));
+    if (!loc->read_hook) {
+      mail_log(kLogErr, "Unable to fetch 'hook' parameter value for handler '%s'", name);
+      return false;
+    }
+    loc->hook = loc->read_hook.get();
   }
   bool formed;
   if (code == kHandlerGlobal) {
     formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s", kHandlersQueueRoot,
-                         loc->hook.get(), loc->type_name);
+                         loc->hook, loc->type_name);
   } else {
-    OwnedString target(handler_param(name, loc->type_name));
-    if (!target) {
-      mail_log(kLogErr, "Unable to fetch '%s' parameter value for handler '%s'", loc->type_name,
-               name);
-      return false;
+    OwnedString read_target;
+    const char* target = known != nullptr ? known->value : nullptr;
+    if (known == nullptr) {
+      read_target.reset(handler_param(name, loc->type_name));
+      if (!read_target) {
+        mail_log(kLogErr, "Unable to fetch '%s' parameter value for handler '%s'",
+                 loc->type_name, name);
+        return false;
+      }
+      target = read_target.get();
     }
     formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s/%s", kHandlersQueueRoot,
-                         loc->hook.get(), loc->type_name, target.get());
+                         loc->hook, loc->type_name, target);
   }
   if (!formed) {
     mail_log(kLogErr,
@@ -106,7 +122,7 @@ int switchOn(const Location& loc) {
 
 int switchOff(const Location& loc) {
   if (exists(loc.entry) && ::unlink(loc.entry) != 0) {
-    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook.get(),
+    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook,
              loc.queue, std::strerror(errno));
     return -1;
   }
@@ -125,13 +141,18 @@ int removeHandler(const char* name, const Location& loc) {
   return 0;
 }
 
+int act(const char* name, const char* new_target, int action, HandlerIndex* index,
+        const HandlerFields* known);
+
 // Tells an index of a description created in its store when the creating
-// function returns, whichever way it does.
+// function returns, whichever way it does, with its fields once they are
+// known to be written.
 struct AnnounceOnExit {
   HandlerIndex* index;
   const char* name;
+  const HandlerFields* written = nullptr;
   ~AnnounceOnExit() {
-    if (index != nullptr) index->added(name);
+    if (index != nullptr) index->added(name, written);
   }
 };
 
@@ -170,8 +191,11 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
     return -1;
   }
   const char* name = dir + std::strlen(kHandlersInfoRoot) + 1;
+  // Declared before the guard, which reads them when it goes.
+  OwnedString lower;
+  HandlerFields written{};
   // However far it gets, the new description is now part of the store.
-  const AnnounceOnExit announce{index, name};
+  AnnounceOnExit announce{index, name};
   if (::chmod(dir, kDescriptionMode) != 0) {
     mail_log(kLogErr, "Unable to change permissions for directory '%s': %s", dir,
              std::strerror(errno));
@@ -185,7 +209,7 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
   }
   // A global handler has no target: its "global" file must stay empty.
   if (code != kHandlerGlobal) {
-    OwnedString lower(strdup(target));
+    lower.reset(strdup(target));
     if (!lower) {
       mail_log(kLogErr, "Unable to convert HandlerTypeName to lowercase");
       return -1;
@@ -216,7 +240,12 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
     mail_log(kLogErr, "Unable to symlink '%s' to '%s'", executable, link);
     return -1;
   }
-  return handler_action(name, nullptr, final_action);
+  // What was just written need not be read back, when it reads back as is.
+  written = HandlerFields{canonical, hook, lower ? lower.get() : ""};
+  const bool exact =
+      HandlerIndex::readsBackAs(hook) && (!lower || HandlerIndex::readsBackAs(lower.get()));
+  if (exact) announce.written = &written;
+  return act(name, nullptr, final_action, nullptr, exact ? &written : nullptr);
 }
 
 // Makes a switched-on copy of the handler for target. When a handler of the
@@ -228,10 +257,10 @@ int retarget(const char* name, const Location& loc, const char* target, HandlerI
   std::string found;
   HandlerIndex::Find known = HandlerIndex::Find::kAskStore;
   if (index != nullptr)
-    known = index->find(tmpl.get(), loc.type_name, target, loc.hook.get(), &found);
+    known = index->find(tmpl.get(), loc.type_name, target, loc.hook, &found);
   if (known == HandlerIndex::Find::kFound) return 0;
   if (known == HandlerIndex::Find::kAskStore) {
-    OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
+    OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook));
     if (existing) return 0;
   }
   OwnedString priority(handler_priority(name));
@@ -239,14 +268,16 @@ int retarget(const char* name, const Location& loc, const char* target, HandlerI
   OwnedString context(handler_param(name, "context"));
   if (!priority || !executable || !context) return -1;
   return addHandler(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
-                    loc.hook.get(), priority.get(), kHandlerSwitchOn, index);
+                    loc.hook, priority.get(), kHandlerSwitchOn, index);
 }
 
-// handler_action; a re-target searches index, when given, for its copy.
-int act(const char* name, const char* new_target, int action, HandlerIndex* index) {
+// handler_action; a re-target searches index, when given, for its copy;
+// known, when given, are the handler's fields as they would be read.
+int act(const char* name, const char* new_target, int action, HandlerIndex* index,
+        const HandlerFields* known) {
   if (name == nullptr) name = "(null)";
   Location loc;
-  if (!locate(name, &loc)) return -1;
+  if (!locate(name, known, &loc)) return -1;
 
   int result = 0;
   switch (action) {
@@ -285,11 +316,20 @@ int act(const char* name, const char* new_target, int action, HandlerIndex* inde
 
 // Acts on entry i of a mass operation; logs and counts a failure.
 void actCounted(HandlerIndex& index, size_t i, const char* target, int action, int* errors) {
-  // The index's copy of the name moves when the action adds a handler.
+  // The index's copies move when the action adds a handler.
   char name[NAME_MAX + 1];
   std::strncpy(name, index.name(i), sizeof name - 1);
   name[sizeof name - 1] = '\0';
-  if (act(name, target, action, &index) != 0) {
+  HandlerFields fields;
+  char hook[kHandlerParamMax], value[kHandlerParamMax];
+  const bool known = index.fields(i, &fields);
+  if (known) {
+    std::strcpy(hook, fields.hook);  // both shorter than kHandlerParamMax
+    std::strcpy(value, fields.value);
+    fields.hook = hook;
+    fields.value = value;
+  }
+  if (act(name, target, action, &index, known ? &fields : nullptr) != 0) {
     mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
     ++*errors;
   }
@@ -323,7 +363,7 @@ int forEachHandler(Visit visit) {
 }  // namespace
 
 int handler_action(const char* name, const char* new_target, int action) {
-  return act(name, new_target, action, nullptr);
+  return act(name, new_target, action, nullptr, nullptr);
 }
 
 int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,

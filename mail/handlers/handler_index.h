@@ -14,8 +14,17 @@
 #include <string>
 #include <vector>
 
+#include "common/syscall.h"
+
 namespace zanth {
 namespace handlers {
+
+// A handler's type, hook and target value as the store reads them back.
+struct HandlerFields {
+  const char* type;
+  const char* hook;
+  const char* value;
+};
 
 // Usage, inside one mass operation:
 //   HandlerIndex index;
@@ -46,6 +55,10 @@ class HandlerIndex final {
   // them itself to get the store's own report.
   bool typeAndValue(size_t i, const char** type, const char** value);
 
+  // Entry i's fields when all three read cleanly and the type is in its
+  // canonical form, so that the value file is the one the type names.
+  bool fields(size_t i, HandlerFields* out);
+
   enum class Find { kFound, kNone, kAskStore };
   // handler_find's answer for these arguments: kFound with the name in
   // *found, or kNone. kAskStore when the index cannot be sure: arguments
@@ -54,8 +67,12 @@ class HandlerIndex final {
   Find find(const char* tmpl, const char* type_name, const char* target, const char* hook,
             std::string* found);
 
-  // A handler description created since load() (complete or not).
-  void added(const char* name);
+  // A handler description created since load(), complete or not; written,
+  // when given, holds its fields as they read back, sparing the reads.
+  void added(const char* name, const HandlerFields* written = nullptr);
+
+  // Whether value, written as one line, reads back unchanged.
+  static bool readsBackAs(const char* value);
   // Marks entry i gone when its description directory no longer exists.
   void forgetIfGone(size_t i);
 
@@ -65,7 +82,8 @@ class HandlerIndex final {
   static constexpr uint8_t kValueRead = 4;
   static constexpr uint8_t kFieldsLoaded = 8;
   static constexpr uint8_t kGone = 16;
-  static constexpr uint8_t kAllRead = kHookRead | kTypeRead | kValueRead;
+  static constexpr uint8_t kHookPresent = 32;  // certain to read; not read yet
+  static constexpr uint8_t kLinked = 64;
 
   // Offsets into text_ of NUL-terminated strings: one arena instead of four
   // strings per handler keeps a store of 100,000 handlers to a few MB.
@@ -77,18 +95,26 @@ class HandlerIndex final {
   };
 
   const char* text(uint32_t offset) const { return text_.data() + offset; }
+  // Whether an entry's type and value read cleanly and its hook does or will.
+  static bool usable(const Entry& e) {
+    return (e.flags & (kTypeRead | kValueRead)) == (kTypeRead | kValueRead) &&
+           (e.flags & (kHookRead | kHookPresent)) != 0;
+  }
+  bool readHook(size_t i);
   uint32_t store(const char* s, size_t len);
   void append(const char* name);
   bool ensureFields();
   void loadFields(size_t i);
+  void setFields(size_t i, uint8_t flags, uint32_t hook, uint32_t type, uint32_t value);
   void link(uint32_t i);
   void rehash(size_t want);
   bool mayDecide(const Entry& e, const char* tmpl, const char* type_name,
                  const char* hook) const;
 
+  UniqueFd info_;  // the info root, which every read is relative to
   std::string text_;
   std::vector<Entry> entries_;
-  // Buckets of the hash of (hook, type, value in lower case): first entry
+  // Buckets of the hash of (type, value in lower case): first entry
   // index + 1, chained through Entry::next; collisions are sorted out by
   // comparing the entries themselves.
   std::vector<uint32_t> heads_;

@@ -31,6 +31,10 @@ TEST_F(HandlerIndexTest, AnswersAsTheStoreSearchDoes) {
   describe("10-broken-Ab3xYz", {{"hook", "smtp\n"}});
   describe("10-oddhook-Zz9999", {{"hook", "other\n"}});
   describe("10-novalue-Qq1111", {{"hook", "smtp\n"}, {"handler-type", "sender\n"}});
+  // Type and value read, but the hook is missing or a directory.
+  describe("10-nohook-Nn4444", {{"handler-type", "recipient\n"}, {"recipient", "u@a.example\n"}});
+  describe("10-dirhook-Dd3333", {{"handler-type", "recipient\n"}, {"recipient", "u@a.example\n"}});
+  ASSERT_EQ(0, mkdir((kInfo + "10-dirhook-Dd3333/hook").c_str(), 0755));
   // Padded and upper-case values read back trimmed and compare ignoring case.
   describe("10-padded-Pp2222", {{"hook", " smtp \n"},
                                 {"handler-type", "sender-domain\n"},
@@ -38,7 +42,7 @@ TEST_F(HandlerIndexTest, AnswersAsTheStoreSearchDoes) {
 
   HandlerIndex index;
   ASSERT_TRUE(index.load());
-  EXPECT_EQ(8u, index.size());
+  EXPECT_EQ(10u, index.size());
   const struct {
     const char *tmpl, *type, *target, *hook;
     Find answer;
@@ -54,6 +58,8 @@ TEST_F(HandlerIndexTest, AnswersAsTheStoreSearchDoes) {
       // The damaged ones: the store search stops at them, the index defers.
       {"broken", "recipient", "u@a.example", "smtp", Find::kAskStore},
       {"novalue", "sender", "x@a.example", "smtp", Find::kAskStore},
+      {"nohook", "sender", "x@a.example", "smtp", Find::kAskStore},
+      {"dirhook", "sender", "u@a.example", "smtp", Find::kAskStore},
       {"10-", "sender", "x@a.example", "smtp", Find::kAskStore},
       // Excluded by what could be read: other hook, other type.
       {"oddhook", "recipient", "u@a.example", "smtp", Find::kNone},
