@@ -12,7 +12,7 @@
 
 #include "mail/auth/auth_testing.h"
 #include "mail/auth/auth_users.h"
-#include "mail/handlers/handler_store.h"
+#include "mail/handlers/handler_actions.h"
 #include "testing/postfix_maps.h"
 #include "testing/test_support.h"
 

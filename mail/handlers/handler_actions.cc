@@ -4,70 +4,97 @@
 // is followed by a refresh and the removal of an emptied queue directory.
 #include "mail/handlers/handler_actions.h"
 
-#include <dirent.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
 #include "common/util_exec.h"
+#include "mail/handlers/handler_index.h"
 #include "mail/handlers/handler_store.h"
 
 using zanth::path_format;
+using zanth::handlers::HandlerFields;
+using zanth::handlers::HandlerIndex;
 using zanth::handlers::OwnedString;
 
 namespace {
 
 constexpr int kLogErr = 3;
+constexpr int kLogWarning = 4;
+constexpr mode_t kDescriptionMode = 0755;
 constexpr uid_t kQueueOwner = 0;
 constexpr gid_t kQueueGroup = 0;
 constexpr mode_t kQueueMode = 0755;
 
+// printf of a null string is undefined; the store's messages say "(null)".
+const char* shown(const char* s) { return s != nullptr ? s : "(null)"; }
+
+bool empty(const char* s) { return s == nullptr || *s == '\0'; }
+
 // Where a stored handler lives: its type, hook, queue directory and entry.
 struct Location {
-  OwnedString type;
-  OwnedString hook;
+  OwnedString read_hook;
+  const char* hook = nullptr;
   const char* type_name = nullptr;
   char queue[zanth::kPathMax];
   char entry[zanth::kPathMax];
 };
 
-// Reads the handler's type and hook and forms its queue paths; the queue is
-// always that of the stored target, whatever new target an action carries.
-bool locate(const char* name, Location* loc) {
-  loc->type.reset(handler_param(name, "handler-type"));
-  if (!loc->type) {
-    mail_log(kLogErr, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
-    return false;
+// Reads the handler's type and hook, unless known gives them as they would
+// be read, and forms its queue paths; the queue is always that of the
+// stored target, whatever new target an action carries.
+bool locate(const char* name, const HandlerFields* known, Location* loc) {
+  OwnedString read_type;
+  const char* type = known != nullptr ? known->type : nullptr;
+  if (known == nullptr) {
+    read_type.reset(handler_param(name, "handler-type"));
+    if (!read_type) {
+      mail_log(kLogErr, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
+      return false;
+    }
+    type = read_type.get();
   }
-  unsigned code = handler_type_code(loc->type.get());
+  unsigned code = handler_type_code(type);
   if (code == kHandlerTypeUnknown) {
-    mail_log(kLogErr, "Invalid handler type '%s' for handler '%s'", loc->type.get(), name);
+    mail_log(kLogErr, "Invalid handler type '%s' for handler '%s'", type, name);
     return false;
   }
   loc->type_name = handler_type_name(code);
-  loc->hook.reset(handler_param(name, "hook"));
-  if (!loc->hook) {
-    mail_log(kLogErr, "Unable to fetch 'hook' parameter value for handler '%s'", name);
-    return false;
+  loc->hook = known != nullptr ? known->hook : nullptr;
+  if (known == nullptr) {
+    loc->read_hook.reset(handler_param(name, "hook"));
+    if (!loc->read_hook) {
+      mail_log(kLogErr, "Unable to fetch 'hook' parameter value for handler '%s'", name);
+      return false;
+    }
+    loc->hook = loc->read_hook.get();
   }
   bool formed;
   if (code == kHandlerGlobal) {
     formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s", kHandlersQueueRoot,
-                         loc->hook.get(), loc->type_name);
+                         loc->hook, loc->type_name);
   } else {
-    OwnedString target(handler_param(name, loc->type_name));
-    if (!target) {
-      mail_log(kLogErr, "Unable to fetch '%s' parameter value for handler '%s'", loc->type_name,
-               name);
-      return false;
+    OwnedString read_target;
+    const char* target = known != nullptr ? known->value : nullptr;
+    if (known == nullptr) {
+      read_target.reset(handler_param(name, loc->type_name));
+      if (!read_target) {
+        mail_log(kLogErr, "Unable to fetch '%s' parameter value for handler '%s'",
+                 loc->type_name, name);
+        return false;
+      }
+      target = read_target.get();
     }
     formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s/%s", kHandlersQueueRoot,
-                         loc->hook.get(), loc->type_name, target.get());
+                         loc->hook, loc->type_name, target);
   }
   if (!formed) {
     mail_log(kLogErr,
@@ -95,7 +122,7 @@ int switchOn(const Location& loc) {
 
 int switchOff(const Location& loc) {
   if (exists(loc.entry) && ::unlink(loc.entry) != 0) {
-    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook.get(),
+    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook,
              loc.queue, std::strerror(errno));
     return -1;
   }
@@ -114,70 +141,145 @@ int removeHandler(const char* name, const Location& loc) {
   return 0;
 }
 
+int act(const char* name, const char* new_target, int action, HandlerIndex* index,
+        const HandlerFields* known);
+
+// Tells an index of a description created in its store when the creating
+// function returns, whichever way it does, with its fields once they are
+// known to be written.
+struct AnnounceOnExit {
+  HandlerIndex* index;
+  const char* name;
+  const HandlerFields* written = nullptr;
+  ~AnnounceOnExit() {
+    if (index != nullptr) index->added(name, written);
+  }
+};
+
+// handler_add, telling index (when given) of the description it creates.
+int addHandler(const char* tmpl, const char* type_name, const char* target,
+               const char* executable, const char* context, const char* hook,
+               const char* priority, int final_action, HandlerIndex* index) {
+  struct stat st;
+  if (executable == nullptr) errno = EFAULT;
+  if (executable == nullptr || ::stat(executable, &st) != 0) {
+    mail_log(kLogErr, "Unable to stat executable '%s': %s", shown(executable),
+             std::strerror(errno));
+    return -1;
+  }
+  unsigned code = handler_type_code(type_name);
+  if (code == kHandlerTypeUnknown) {
+    mail_log(kLogErr, "Handler type is invalid: %s", shown(type_name));
+    return -1;
+  }
+  if (code != kHandlerGlobal && empty(target)) {
+    mail_log(kLogErr, "HandlerTypeName parameter is not defined");
+    return -1;
+  }
+  const char* canonical = handler_type_name(code);
+
+  char dir[zanth::kPathMax];
+  if (!path_format(dir, sizeof dir, "%s/%s-%s-XXXXXX", kHandlersInfoRoot, shown(priority),
+                   shown(tmpl))) {
+    mail_log(kLogErr,
+             "Name template '%s' or priority '%s' are too long to form a valid handler name",
+             shown(tmpl), shown(priority));
+    return -1;
+  }
+  if (::mkdtemp(dir) == nullptr) {
+    mail_log(kLogErr, "Unable to create directory %s: %s", dir, std::strerror(errno));
+    return -1;
+  }
+  const char* name = dir + std::strlen(kHandlersInfoRoot) + 1;
+  // Declared before the guard, which reads them when it goes.
+  OwnedString lower;
+  HandlerFields written{};
+  // However far it gets, the new description is now part of the store.
+  AnnounceOnExit announce{index, name};
+  if (::chmod(dir, kDescriptionMode) != 0) {
+    mail_log(kLogErr, "Unable to change permissions for directory '%s': %s", dir,
+             std::strerror(errno));
+    return -1;
+  }
+  if (handler_store_param(dir, "hook", hook) != 0 ||
+      handler_store_param(dir, "context", context) != 0 ||
+      handler_store_param(dir, "handler-type", canonical) != 0) {
+    mail_log(kLogErr, "Unable to store handler parameters into directory '%s'", dir);
+    return -1;
+  }
+  // A global handler has no target: its "global" file must stay empty.
+  if (code != kHandlerGlobal) {
+    lower.reset(strdup(target));
+    if (!lower) {
+      mail_log(kLogErr, "Unable to convert HandlerTypeName to lowercase");
+      return -1;
+    }
+    for (char* p = lower.get(); *p != '\0'; ++p)
+      *p = static_cast<char>(std::tolower(static_cast<unsigned char>(*p)));
+    if (handler_store_param(dir, canonical, lower.get()) != 0) {
+      mail_log(kLogErr, "Unable to store handler parameters into directory '%s'", dir);
+      return -1;
+    }
+  } else {
+    char flag[zanth::kPathMax];
+    if (!path_format(flag, sizeof flag, "%s/global", dir)) {
+      mail_log(kLogErr, "global handler flag name is too long to be stored in the filesystem");
+      return -1;
+    }
+    if (create_file(flag) != 0) {
+      mail_log(kLogErr, "Unable to create file '%s'", flag);
+      return -1;
+    }
+  }
+  char link[zanth::kPathMax];
+  if (!path_format(link, sizeof link, "%s/executable", dir)) {
+    mail_log(kLogErr, "executable link name is too long to be stored in the filesystem");
+    return -1;
+  }
+  if (::symlink(executable, link) != 0 && errno != EEXIST) {
+    mail_log(kLogErr, "Unable to symlink '%s' to '%s'", executable, link);
+    return -1;
+  }
+  // What was just written need not be read back, when it reads back as is.
+  written = HandlerFields{canonical, hook, lower ? lower.get() : ""};
+  const bool exact =
+      HandlerIndex::readsBackAs(hook) && (!lower || HandlerIndex::readsBackAs(lower.get()));
+  if (exact) announce.written = &written;
+  return act(name, nullptr, final_action, nullptr, exact ? &written : nullptr);
+}
+
 // Makes a switched-on copy of the handler for target. When a handler of the
-// same template, type and hook already serves target, nothing is created;
-// *is_self then tells whether that handler is this very one.
-int retarget(const char* name, const Location& loc, const char* target, bool* is_self) {
-  *is_self = false;
+// same template, type and hook already serves target, nothing is created.
+// The copy search asks index, when given, before the store.
+int retarget(const char* name, const Location& loc, const char* target, HandlerIndex* index) {
   OwnedString tmpl(handler_template(name));
   if (!tmpl) return -1;
-  OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
-  if (existing) {
-    *is_self = std::strcmp(existing.get(), name) == 0;
-    return 0;
+  std::string found;
+  HandlerIndex::Find known = HandlerIndex::Find::kAskStore;
+  if (index != nullptr)
+    known = index->find(tmpl.get(), loc.type_name, target, loc.hook, &found);
+  if (known == HandlerIndex::Find::kFound) return 0;
+  if (known == HandlerIndex::Find::kAskStore) {
+    OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook));
+    if (existing) return 0;
   }
   OwnedString priority(handler_priority(name));
   OwnedString executable(handler_executable(name));
   OwnedString context(handler_param(name, "context"));
   if (!priority || !executable || !context) return -1;
-  return handler_add(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
-                     loc.hook.get(), priority.get(), kHandlerSwitchOn);
+  return addHandler(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
+                    loc.hook, priority.get(), kHandlerSwitchOn, index);
 }
 
-// Acts on one entry of a mass operation; logs and counts a failure.
-void actCounted(const char* name, const char* target, int action, int* errors) {
-  if (handler_action(name, target, action) != 0) {
-    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
-    ++*errors;
-  }
-}
-
-int massResult(int errors) {
-  if (errors == 0) return 0;
-  mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
-  return -1;
-}
-
-bool isDotEntry(const char* name) {
-  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-// forEachHandler - calls visit(name, &errors) for every stored handler, in
-// directory order, and turns the error count into the mass result.
-template <class Visit>
-int forEachHandler(Visit visit) {
-  zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
-  if (dir.get() == nullptr) {
-    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
-    return -1;
-  }
-  int errors = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    if (!isDotEntry(entry->d_name)) visit(entry->d_name, &errors);
-  }
-  dir.reset();
-  return massResult(errors);
-}
-
-}  // namespace
-
-int handler_action(const char* name, const char* new_target, int action) {
+// handler_action; a re-target searches index, when given, for its copy;
+// known, when given, are the handler's fields as they would be read.
+int act(const char* name, const char* new_target, int action, HandlerIndex* index,
+        const HandlerFields* known) {
   if (name == nullptr) name = "(null)";
   Location loc;
-  if (!locate(name, &loc)) return -1;
+  if (!locate(name, known, &loc)) return -1;
 
   int result = 0;
-  bool is_self = false;
   switch (action) {
     case kHandlerRemove:
       if (removeHandler(name, loc) != 0) return -1;
@@ -191,12 +293,13 @@ int handler_action(const char* name, const char* new_target, int action) {
     case kHandlerQuery:
       return exists(loc.entry) ? 1 : 0;
     case kHandlerRetarget:
-      result = retarget(name, loc, new_target, &is_self);
+      result = retarget(name, loc, new_target, index);
       break;
     case kHandlerRename:
-      result = retarget(name, loc, new_target, &is_self);
-      // Renaming to the target the handler already has must not delete it.
-      if (result == 0 && !is_self && removeHandler(name, loc) != 0) return -1;
+      // The copy found may be the handler itself (the targets differ only in
+      // case); the original is removed all the same.
+      result = retarget(name, loc, new_target, index);
+      if (result == 0 && removeHandler(name, loc) != 0) return -1;
       break;
     default:
       mail_log(kLogErr, "UKNOWN ACTION %d requested for handler %s", action, name);
@@ -211,45 +314,176 @@ int handler_action(const char* name, const char* new_target, int action) {
   return result;
 }
 
+// Acts on entry i of a mass operation; logs and counts a failure.
+void actCounted(HandlerIndex& index, size_t i, const char* target, int action, int* errors) {
+  // The index's copies move when the action adds a handler.
+  char name[NAME_MAX + 1];
+  std::strncpy(name, index.name(i), sizeof name - 1);
+  name[sizeof name - 1] = '\0';
+  HandlerFields fields;
+  char hook[kHandlerParamMax], value[kHandlerParamMax];
+  const bool known = index.fields(i, &fields);
+  if (known) {
+    std::strcpy(hook, fields.hook);  // both shorter than kHandlerParamMax
+    std::strcpy(value, fields.value);
+    fields.hook = hook;
+    fields.value = value;
+  }
+  if (act(name, target, action, &index, known ? &fields : nullptr) != 0) {
+    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    ++*errors;
+  }
+  index.forgetIfGone(i);
+}
+
+int massResult(int errors) {
+  if (errors == 0) return 0;
+  mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
+  return -1;
+}
+
+// forEachHandler - calls visit(index, i, &errors) for every handler stored
+// when it starts, in directory order, and turns the error count into the
+// mass result. Handlers the visits create are not visited: a copy carries
+// the new target and would be passed over anyway.
+template <class Visit>
+int forEachHandler(Visit visit) {
+  HandlerIndex index;
+  if (!index.load()) {
+    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    return -1;
+  }
+  int errors = 0;
+  for (size_t i = 0, stored = index.size(); i < stored; ++i) {
+    if (!index.gone(i)) visit(index, i, &errors);
+  }
+  return massResult(errors);
+}
+
+}  // namespace
+
+int handler_action(const char* name, const char* new_target, int action) {
+  return act(name, new_target, action, nullptr, nullptr);
+}
+
+int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
+                const char* context, const char* hook, const char* priority, int final_action) {
+  return addHandler(tmpl, type_name, target, executable, context, hook, priority, final_action,
+                    nullptr);
+}
+
+int handler_update(const char* tmpl, const char* type_name, const char* target,
+                   const char* new_executable, const char* new_context, const char* hook,
+                   const char* new_priority) {
+  OwnedString name(handler_find(tmpl, type_name, target, hook));
+  if (!name) {
+    mail_log(kLogErr, "Handler %s for %s does not exist in queue %s", shown(tmpl), shown(target),
+             shown(hook));
+    return -1;
+  }
+  char executable[zanth::kPathMax] = "";
+  if (!empty(new_executable)) {
+    struct stat st;
+    if (::stat(new_executable, &st) != 0) {
+      mail_log(kLogErr, "Unable to stat executable '%s': %s", new_executable, std::strerror(errno));
+      return -1;
+    }
+    if (!path_format(executable, sizeof executable, "%s", new_executable)) {
+      mail_log(kLogErr, "Unable to stat executable '%s': %s", new_executable,
+               std::strerror(ENAMETOOLONG));
+      return -1;
+    }
+  } else {
+    char link[zanth::kPathMax];
+    if (!path_format(link, sizeof link, "%s/%s/executable", kHandlersInfoRoot, name.get())) {
+      mail_log(kLogErr, "handler name '%s' is too long to form a valid filesystem object name",
+               name.get());
+      return -1;
+    }
+    ssize_t n = ::readlink(link, executable, sizeof executable - 1);
+    if (n < 0) {
+      // Only a warning: handler_add below reports the missing program.
+      mail_log(kLogWarning, "Unable to fetch executable link target: %s", std::strerror(errno));
+      n = 0;
+    }
+    executable[n] = '\0';
+  }
+  OwnedString old_context;
+  const char* context = new_context;
+  if (empty(new_context)) {
+    // An empty context was never written; that is not worth a message.
+    char path[zanth::kPathMax];
+    struct stat st;
+    if (path_format(path, sizeof path, "%s/%s/context", kHandlersInfoRoot, name.get()) &&
+        ::lstat(path, &st) == 0) {
+      old_context.reset(handler_param(name.get(), "context"));
+      context = old_context.get();
+    }
+  }
+  OwnedString old_priority;
+  const char* priority = new_priority;
+  if (empty(new_priority)) {
+    old_priority.reset(handler_priority(name.get()));
+    if (!old_priority) return -1;
+    priority = old_priority.get();
+  }
+  int final_action = handler_action(name.get(), nullptr, kHandlerQuery) == 1 ? kHandlerSwitchOn
+                                                                             : kHandlerSwitchOff;
+  if (handler_action(name.get(), nullptr, kHandlerRemove) != 0) return -1;
+  // Re-created under tmpl, which may differ from the template part of the
+  // old name: tmpl found it as a substring.
+  return handler_add(tmpl, type_name, target, executable, context, hook, priority,
+                     final_action);
+}
+
 int handlers_act_on_target(const char* target, const char* new_target, int action) {
   if (target == nullptr) {
     mail_log(kLogErr, "Some parameter was not defined");
     return -1;
   }
   const bool domain_mode = std::strchr(target, '@') == nullptr;
-  return forEachHandler([&](const char* name, int* errors) {
-    OwnedString type(handler_param(name, "handler-type"));
-    if (!type) {
-      mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
-      ++*errors;
-      return;
+  return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
+    const char* type = nullptr;
+    const char* value = nullptr;
+    const bool known = index.typeAndValue(i, &type, &value);
+    const char* name = index.name(i);  // after the index has read its fields
+    OwnedString read_type, read_value;
+    if (!known) {
+      // Read as the store reads, so that it reports what is wrong.
+      read_type.reset(handler_param(name, "handler-type"));
+      if (!read_type) {
+        mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
+        ++*errors;
+        return;
+      }
+      // For a global handler this reads its empty "global" flag: no match.
+      read_value.reset(handler_param(name, read_type.get()));
+      if (!read_value) {
+        mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+        ++*errors;
+        return;
+      }
+      value = read_value.get();
     }
-    // For a global handler this reads its empty "global" flag: no match.
-    OwnedString value(handler_param(name, type.get()));
-    if (!value) {
-      mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
-      ++*errors;
-      return;
-    }
-    if (std::strcmp(value.get(), target) == 0) {
-      actCounted(name, new_target, action, errors);
+    if (std::strcmp(value, target) == 0) {
+      actCounted(index, i, new_target, action, errors);
       return;
     }
     if (!domain_mode) return;
-    const char* at = std::strchr(value.get(), '@');
+    const char* at = std::strchr(value, '@');
     if (at == nullptr || std::strcmp(at + 1, target) != 0) return;
     if (new_target == nullptr) {
-      actCounted(name, nullptr, action, errors);
+      actCounted(index, i, nullptr, action, errors);
       return;
     }
     char address[zanth::kPathMax];
-    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value.get()),
-                     value.get(), new_target)) {
+    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value), value,
+                     new_target)) {
       mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
       ++*errors;
       return;
     }
-    actCounted(name, address, action, errors);
+    actCounted(index, i, address, action, errors);
   });
 }
 
@@ -259,16 +493,16 @@ int handlers_act_on_template(const char* tmpl, int action) {
     return -1;
   }
   const bool all = std::strcmp(tmpl, "all") == 0;
-  return forEachHandler([&](const char* name, int* errors) {
+  return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
     if (!all) {
-      OwnedString own(handler_template(name));
+      OwnedString own(handler_template(index.name(i)));
       if (!own) {
         ++*errors;
         return;
       }
       if (std::strcmp(own.get(), tmpl) != 0) return;
     }
-    actCounted(name, nullptr, action, errors);
+    actCounted(index, i, nullptr, action, errors);
   });
 }
 

@@ -1,10 +1,13 @@
-// Handler actions: switch a stored handler on or off, query, remove, copy it
-// to a new target or move it there (the domain rename), the mass operations
-// over the whole store by target and by template, and the refresh of the
-// fast copy of the store. Plain functions: 0 / -1, failures logged once
+// Handler actions: create and update handlers, switch a stored handler on or
+// off, query, remove, copy it to a new target or move it there (the domain
+// rename), the mass operations over the whole store by target and by
+// template, and the refresh of the fast copy of the store. Built on the
+// store of handler_store.h. Plain functions: 0 / -1, failures logged once
 // through mail_log at priority 3; mass operations report once at the end.
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
+
+#include "mail/handlers/handler_store.h"
 
 // Action numbers accepted by handler_action and the mass operations.
 constexpr int kHandlerRemove = 1;     // switch off, delete the description
@@ -16,6 +19,19 @@ constexpr int kHandlerRename = 6;     // re-target, then remove the original
 
 // Program that syncs the store's fast copy; run with "refresh" when present.
 constexpr const char* kHandlersRefreshProgram = "/usr/lib/zanth-9.0/handlers-tmpfs";
+
+// handler_add - create a handler description and apply final_action to it
+// (2 switches it on, 3 leaves it off). 0 / -1; a failure part-way leaves the
+// partly written description in place.
+int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
+                const char* context, const char* hook, const char* priority, int final_action);
+
+// handler_update - replace a handler's program, context or priority (null or
+// empty keeps the old one) by re-creating it; the switch state is kept and
+// the handler gets a new name. 0 / -1.
+int handler_update(const char* tmpl, const char* type_name, const char* target,
+                   const char* new_executable, const char* new_context, const char* hook,
+                   const char* new_priority);
 
 // handler_action - apply one action to the named handler; new_target is the
 // target value for actions 5 and 6. 0 / -1 (action 4: 1 or 0).

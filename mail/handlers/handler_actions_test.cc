@@ -65,4 +65,53 @@ TEST_F(HandlerActions, MassOperationCountsDamagedHandlersAndGoesOn) {
   EXPECT_NE("<null>", str(handler_find("spam", "sender-domain", "b.example", "smtp")));
 }
 
+TEST_F(HandlerActions, DomainRenameReusesACopyTheSearchFinds) {
+  // The copy search matches templates as substrings: "spam" takes the
+  // antispam handler already serving u@b.example as its copy.
+  const std::string existing = add("recipient", "u@b.example", "antispam");
+  add("recipient", "u@a.example", "spam");
+  add("sender", "v@a.example", "spam");
+  add("sender", "w@a.example", "virus");
+  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", 6));
+  EXPECT_EQ(Strings(), captured_log);
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(kInfo))
+    left.push_back(entry.path().filename());
+  std::sort(left.begin(), left.end());
+  ASSERT_EQ(3u, left.size());
+  EXPECT_EQ(existing, left[0]);
+  EXPECT_EQ("sender\nv@b.example\n", params(left[1], {"handler-type", "sender"}));
+  EXPECT_EQ("sender\nw@b.example\n", params(left[2], {"handler-type", "sender"}));
+  EXPECT_TRUE(switchedOn("recipient/u@b.example", existing));
+  EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
+}
+
+TEST_F(HandlerActions, UpdateRecreatesTheHandlerUnderTheTemplateGiven) {
+  const std::string old_name = add("recipient", "u@a.example", "antispam", "20");
+  ASSERT_EQ("20-antispam-", old_name.substr(0, 12));
+  // "spam" finds "antispam" by substring; the re-created handler is "spam".
+  ASSERT_EQ(0, handler_update("spam", "recipient", "u@a.example", nullptr, "new ctx", "smtp",
+                              nullptr));
+  EXPECT_EQ(Strings(), captured_log);
+  const std::vector<std::filesystem::path> left(std::filesystem::directory_iterator(kInfo), {});
+  ASSERT_EQ(1u, left.size());
+  const std::string name = left[0].filename();
+  EXPECT_EQ("20-spam-", name.substr(0, 8));
+  EXPECT_EQ("new ctx\nsmtp\nu@a.example\n", params(name, {"context", "hook", "recipient"}));
+  EXPECT_TRUE(switchedOn("recipient/u@a.example", name));
+  EXPECT_FALSE(switchedOn("recipient/u@a.example", old_name));
+}
+
+TEST_F(HandlerActions, RenameToTheSameTargetInOtherCaseStillRemovesTheHandler) {
+  // The copy search ignores case and so finds the handler itself: nothing
+  // is copied, and the rename goes on to remove the original all the same.
+  const std::string name = add("recipient", "u@a.example");
+  add("recipient", "v@a.example");
+  ASSERT_EQ(0, handler_action(name.c_str(), "U@A.example", 6));
+  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_FALSE(testing_support::pathExists(kInfo + name));
+  EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(kInfo), {}));
+}
+
 }  // namespace

@@ -1,8 +1,10 @@
 // Handler store: the on-disk registry of mail filter handlers. One
 // description directory per handler under the info root (one small file per
 // parameter and an "executable" link) and queue directories whose empty entry
-// files switch a handler on for its target. Plain functions: 0 / -1 or
-// pointer / null, one message through mail_log at priority 3 per failure.
+// files switch a handler on for its target. This layer names, reads, finds
+// and orders handlers; creating and changing them is handler_actions.h's.
+// Plain functions: 0 / -1 or pointer / null, one message through mail_log at
+// priority 3 per failure.
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_STORE_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_STORE_H
 
@@ -51,23 +53,10 @@ char* handler_executable(const char* name);
 // a null or empty value writes nothing. 0 / -1.
 int handler_store_param(const char* dir, const char* file, const char* value);
 
-// handler_add - create a handler description and apply final_action to it
-// (2 switches it on, 3 leaves it off). 0 / -1; a failure part-way leaves the
-// partly written description in place.
-int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
-                const char* context, const char* hook, const char* priority, int final_action);
-
 // handler_find - malloc'ed name of the first handler whose name contains
 // tmpl and whose hook, type and target (case ignored) match; null when there
 // is none or on failure. The caller frees.
 char* handler_find(const char* tmpl, const char* type_name, const char* target, const char* hook);
-
-// handler_update - replace a handler's program, context or priority (null or
-// empty keeps the old one) by re-creating it; the switch state is kept and
-// the handler gets a new name. 0 / -1.
-int handler_update(const char* tmpl, const char* type_name, const char* target,
-                   const char* new_executable, const char* new_context, const char* hook,
-                   const char* new_priority);
 
 // handler_sort - order handler names by numeric priority, then template,
 // then random part. Names that cannot be split compare equal (logged).
