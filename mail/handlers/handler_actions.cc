@@ -114,24 +114,43 @@ int removeHandler(const char* name, const Location& loc) {
   return 0;
 }
 
+// What a copy of a handler for a new target is made from. When a handler
+// of the same template, type and hook already serves the target, only the
+// template and that handler's name are read.
+struct CopySource {
+  OwnedString tmpl;
+  OwnedString existing;
+  OwnedString priority;
+  OwnedString executable;
+  OwnedString context;
+};
+
+// readCopySource - false when a part that is needed cannot be read (each
+// reader logs its own failure).
+bool readCopySource(const char* name, const Location& loc, const char* target, CopySource* src) {
+  src->tmpl.reset(handler_template(name));
+  if (!src->tmpl) return false;
+  src->existing.reset(handler_find(src->tmpl.get(), loc.type_name, target, loc.hook.get()));
+  if (src->existing) return true;
+  src->priority.reset(handler_priority(name));
+  src->executable.reset(handler_executable(name));
+  src->context.reset(handler_param(name, "context"));
+  return src->priority && src->executable && src->context;
+}
+
 // Makes a switched-on copy of the handler for target. When a handler of the
 // same template, type and hook already serves target, nothing is created;
 // *is_self then tells whether that handler is this very one.
 int retarget(const char* name, const Location& loc, const char* target, bool* is_self) {
   *is_self = false;
-  OwnedString tmpl(handler_template(name));
-  if (!tmpl) return -1;
-  OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook.get()));
-  if (existing) {
-    *is_self = std::strcmp(existing.get(), name) == 0;
+  CopySource src;
+  if (!readCopySource(name, loc, target, &src)) return -1;
+  if (src.existing) {
+    *is_self = std::strcmp(src.existing.get(), name) == 0;
     return 0;
   }
-  OwnedString priority(handler_priority(name));
-  OwnedString executable(handler_executable(name));
-  OwnedString context(handler_param(name, "context"));
-  if (!priority || !executable || !context) return -1;
-  return handler_add(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
-                     loc.hook.get(), priority.get(), kHandlerSwitchOn);
+  return handler_add(src.tmpl.get(), loc.type_name, target, src.executable.get(),
+                     src.context.get(), loc.hook.get(), src.priority.get(), kHandlerSwitchOn);
 }
 
 // Acts on one entry of a mass operation; logs and counts a failure.
@@ -211,45 +230,56 @@ int handler_action(const char* name, const char* new_target, int action) {
   return result;
 }
 
+int handler_target_match(const char* name, const char* target, const char* new_target,
+                         char* buf, size_t size, const char** moved_to) {
+  OwnedString type(handler_param(name, "handler-type"));
+  if (!type) {
+    mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
+    return -1;
+  }
+  // For a global handler this reads its empty "global" flag: no match.
+  OwnedString value(handler_param(name, type.get()));
+  if (!value) {
+    mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+    return -1;
+  }
+  *moved_to = new_target;
+  if (std::strcmp(value.get(), target) == 0) return 1;
+  if (std::strchr(target, '@') != nullptr) return 0;
+  const char* at = std::strchr(value.get(), '@');
+  if (at == nullptr || std::strcmp(at + 1, target) != 0) return 0;
+  if (new_target == nullptr) return 1;
+  if (!path_format(buf, size, "%.*s@%s", static_cast<int>(at - value.get()), value.get(),
+                   new_target)) {
+    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    return -1;
+  }
+  *moved_to = buf;
+  return 1;
+}
+
+int handler_rename_ready(const char* name, const char* new_target) {
+  Location loc;
+  CopySource src;
+  return locate(name, &loc) && readCopySource(name, loc, new_target, &src) ? 0 : -1;
+}
+
+int handlers_list(std::vector<std::string>* names) {
+  return forEachHandler([names](const char* name, int*) { names->push_back(name); });
+}
+
 int handlers_act_on_target(const char* target, const char* new_target, int action) {
   if (target == nullptr) {
     mail_log(kLogErr, "Some parameter was not defined");
     return -1;
   }
-  const bool domain_mode = std::strchr(target, '@') == nullptr;
   return forEachHandler([&](const char* name, int* errors) {
-    OwnedString type(handler_param(name, "handler-type"));
-    if (!type) {
-      mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
-      ++*errors;
-      return;
-    }
-    // For a global handler this reads its empty "global" flag: no match.
-    OwnedString value(handler_param(name, type.get()));
-    if (!value) {
-      mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
-      ++*errors;
-      return;
-    }
-    if (std::strcmp(value.get(), target) == 0) {
-      actCounted(name, new_target, action, errors);
-      return;
-    }
-    if (!domain_mode) return;
-    const char* at = std::strchr(value.get(), '@');
-    if (at == nullptr || std::strcmp(at + 1, target) != 0) return;
-    if (new_target == nullptr) {
-      actCounted(name, nullptr, action, errors);
-      return;
-    }
     char address[zanth::kPathMax];
-    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value.get()),
-                     value.get(), new_target)) {
-      mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
-      ++*errors;
-      return;
-    }
-    actCounted(name, address, action, errors);
+    const char* moved_to = nullptr;
+    const int match = handler_target_match(name, target, new_target, address, sizeof address,
+                                           &moved_to);
+    if (match < 0) ++*errors;
+    if (match > 0) actCounted(name, moved_to, action, errors);
   });
 }
 
@@ -272,10 +302,21 @@ int handlers_act_on_template(const char* tmpl, int action) {
   });
 }
 
+namespace {
+
+bool isRunnable(const struct stat& st) { return S_ISREG(st.st_mode) && (st.st_mode & S_IXUSR) != 0; }
+
+}  // namespace
+
+bool handlers_refresh_runnable() {
+  struct stat st;
+  return ::stat(kHandlersRefreshProgram, &st) == 0 && isRunnable(st);
+}
+
 int handlers_refresh() {
   struct stat st;
   int rc = ::stat(kHandlersRefreshProgram, &st);
-  if (rc != 0 || !S_ISREG(st.st_mode) || (st.st_mode & S_IXUSR) == 0) return rc;
+  if (rc != 0 || !isRunnable(st)) return rc;
   char program[zanth::kPathMax];
   char refresh[] = "refresh";
   if (!path_format(program, sizeof program, "%s", kHandlersRefreshProgram)) return -1;
