@@ -13,6 +13,7 @@ packages=(
   libssl-dev
   postfix
   util-linux
+  scdoc
 )
 
 missing=()
