@@ -59,6 +59,11 @@ void checkArguments(int& argc, char**& argv) {
 
 }  // namespace
 
+void reportFatal(const std::exception& e) {
+  errorStream << "Fatal error: " << demangledTypeName(e) << "(" << e.what() << ")" << std::endl;
+  if (const Traceback* tb = dynamic_cast<const Traceback*>(&e)) errorStream << *tb;
+}
+
 void renameDomain(std::string& oldName, std::string& newName) {
   oldName = idn::toAscii(oldName);
   newName = idn::toAscii(newName);
@@ -90,9 +95,7 @@ int domainRenameMain(int argc, char** argv) {
     renameDomain(oldName, newName);
     return kExitOk;
   } catch (const std::exception& e) {
-    errorStream << "Fatal error: " << demangledTypeName(e) << "(" << e.what() << ")"
-                << std::endl;
-    if (const Traceback* tb = dynamic_cast<const Traceback*>(&e)) errorStream << *tb;
+    reportFatal(e);
     return kExitFailure;
   } catch (...) {
     errorStream << "UNSPECIFIED ERROR OCCURED" << std::endl;

@@ -5,6 +5,7 @@
 #ifndef MXKEEP_CLI_DOMAIN_RENAME_H
 #define MXKEEP_CLI_DOMAIN_RENAME_H
 
+#include <exception>
 #include <string>
 
 namespace zanth {
@@ -12,6 +13,10 @@ namespace cli {
 
 // Process entry; returns the exit status (the usage routine exits itself).
 int domainRenameMain(int argc, char** argv);
+
+// reportFatal - the "Fatal error: <type>(<what>)" line of e, and its
+// traceback when it carries one, on the error stream.
+void reportFatal(const std::exception& e);
 
 // The rename steps on names as given; converts both to ASCII in place
 // first. Throws on failure after undoing what the Postfix step changed.

@@ -38,14 +38,21 @@ bool hashed_path(const char* name, char* path, size_t size) {
   return zanth::path_format(path, size, "%s/%s", kLockFilesDir, hex);
 }
 
+// lock_file_path - the lock file of name: name itself, or its hashed path
+// formed in buf. Null (errno ENOMEM) when that cannot be formed.
+const char* lock_file_path(const char* name, int hashed, char* buf, size_t size) {
+  if (!hashed) return name;
+  if (hashed_path(name, buf, size)) return buf;
+  errno = ENOMEM;
+  return nullptr;
+}
+
 LockHandle* lock_file(const char* name, int hashed, int operation) {
   char hashed_name[zanth::kPathMax];
-  if (hashed && !hashed_path(name, hashed_name, sizeof hashed_name)) {
-    errno = ENOMEM;
-    return nullptr;
-  }
+  const char* path = lock_file_path(name, hashed, hashed_name, sizeof hashed_name);
+  if (path == nullptr) return nullptr;
   auto* handle = static_cast<LockHandle*>(std::calloc(1, sizeof(LockHandle)));
-  if (handle != nullptr) handle->path = strdup(hashed ? hashed_name : name);
+  if (handle != nullptr) handle->path = strdup(path);
   if (handle == nullptr || handle->path == nullptr) {
     std::free(handle);
     errno = ENOMEM;
@@ -104,6 +111,16 @@ LockHandle* lock_file_wait(const char* name, int hashed) {
 
 LockHandle* lock_file_try(const char* name, int hashed) {
   return lock_file(name, hashed, LOCK_EX | LOCK_NB);
+}
+
+int lock_file_held(const char* name, int hashed) {
+  char hashed_name[zanth::kPathMax];
+  const char* path = lock_file_path(name, hashed, hashed_name, sizeof hashed_name);
+  if (path == nullptr) return -1;
+  zanth::UniqueFd fd(zanth::retryEintr([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
+  if (fd.get() < 0) return errno == ENOENT ? 0 : -1;
+  if (zanth::retryEintr([&] { return flock(fd.get(), LOCK_SH | LOCK_NB); }) == 0) return 0;
+  return errno == EWOULDBLOCK ? 1 : -1;
 }
 
 void lock_file_release(LockHandle* handle) {

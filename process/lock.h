@@ -32,6 +32,12 @@ LockHandle* lock_file_wait(const char* name, int hashed);
 // lock_file_try - as lock_file_wait, but gives fd 0 at once when held.
 LockHandle* lock_file_try(const char* name, int hashed);
 
+// lock_file_held - whether another open file holds the lock for name (as
+// lock_file_wait names it): 1 held, 0 free or never made, -1 when it cannot
+// be tested (errno set). Creates nothing and takes the lock only shared and
+// only for the instant of the test, so a locker waits no longer than that.
+int lock_file_held(const char* name, int hashed);
+
 // lock_file_release - unlock, free the path and the handle; null is fine.
 void lock_file_release(LockHandle* handle);
 

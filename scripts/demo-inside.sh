@@ -3,6 +3,8 @@
 # Installs the tool into the sandbox's /usr, lays out a small sample mail
 # layer at the fixed paths, renames example.org to bücher.example and shows
 # every place before and after; then shows a failing rename and its undo.
+# The domain check looks at the layout before the rename, after it, and
+# after the failing rename.
 # Usage: demo-inside.sh BUILD_DIR
 set -uo pipefail
 build=$1
@@ -32,6 +34,17 @@ run() {
   printf '  [exit status %d]\n' "$status"
   rm -f "$out" "$err"
 }
+
+# --- domain check ---
+# check ARGS...: runs mxkeep_domain_check, showing its report and status.
+check() {
+  printf '$ mxkeep_domain_check'
+  printf ' %q' "$@"
+  printf '\n'
+  /usr/sbin/mxkeep_domain_check "$@" | sed 's/^/  | /'
+  printf '  [exit status %d]\n' "${PIPESTATUS[0]}"
+}
+# --- end of domain check ---
 
 map() {  # map NAME "key value" ...: writes a map source and compiles it
   local name=$1; shift
@@ -117,13 +130,39 @@ run --help x
 run -- -a b
 run '' new.example
 
+# --- domain check ---
+banner "Looking before the rename: what it would change, and its hazards"
+check example.org bücher.example
+check --json example.org bücher.example
+# --- end of domain check ---
+
 banner "Renaming example.org to bücher.example"
 run example.org bücher.example
 show_state
 
+# --- domain check ---
+banner "Looking after the rename: every place under the new name"
+check bücher.example
+check example.org
+# --- end of domain check ---
+
 banner "A rename that fails late: the new name is taken in the authentication database"
 sqlite3 "$authdb" "INSERT INTO domains (name) VALUES ('shop.example');"
+# --- domain check ---
+check bücher.example shop.example
+# --- end of domain check ---
 run bücher.example shop.example
 echo "(maps stay under the new name, the mail directory is back under the old one,"
 echo " the authentication database is unchanged: the tool's documented end state)"
 show_state
+
+# --- domain check ---
+banner "Looking after the failed rename: where each name lives, and the way out"
+check shop.example
+check bücher.example
+echo "(fixing the cause, here the taken row, and running the recovery command"
+echo " brings every place under one name)"
+sqlite3 "$authdb" "DELETE FROM domains WHERE name = 'shop.example';"
+run xn--bcher-kva.example shop.example
+check shop.example
+# --- end of domain check ---

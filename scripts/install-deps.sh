@@ -14,6 +14,7 @@ packages=(
   libssl-dev
   postfix
   util-linux
+  scdoc
 )
 
 missing=()

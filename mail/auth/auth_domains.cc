@@ -21,6 +21,8 @@ constexpr char kRemoveDomainSql[] = "DELETE FROM domains WHERE name=?";
 constexpr char kDomainStatusSql[] = "UPDATE domains SET status=? WHERE name=?";
 constexpr char kAddDomainSql[] = "INSERT INTO domains (name, status) VALUES(?, ?)";
 constexpr char kDomainIdSql[] = "SELECT id FROM domains WHERE name=?";
+constexpr char kDomainUsersSql[] =
+    "SELECT (SELECT COUNT(*) FROM users WHERE dom_id = d.id) FROM domains d WHERE d.name=?";
 
 constexpr char kBindDomainTwoBlanks[] =
     "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s";
@@ -97,6 +99,28 @@ int mail_auth_rename_domain(const char* old_domain, const char* new_domain) {
       0)
     return -1;
   return db.close();
+}
+
+int mail_auth_domain_users(const char* domain, long* users) {
+  SqliteDb db;
+  if (zanth::openAuthDb(db, mail_auth_db_path, kOpenMessage, SQLITE_OPEN_READONLY) != 0)
+    return -1;
+  SqliteStatement stmt;
+  if (zanth::prepareLogged(db, stmt, kDomainUsersSql) != 0) return -1;
+  if (!bindText(stmt, 1, domain)) {
+    mail_log(3, kBindDomainTwoBlanks, domain, kDomainUsersSql, db.errmsg());
+    return -1;
+  }
+  const int rc = zanth::stepRetry(db, stmt);
+  if (rc == zanth::kSqliteRetryAborted) return -1;
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+    mail_log(3, "Unable to execute the domain selection query: %s", db.errmsg());
+    return -1;
+  }
+  const int found = rc == SQLITE_ROW ? 1 : 0;
+  *users = found ? static_cast<long>(sqlite3_column_int64(stmt.get(), 0)) : 0;
+  stmt.finalize();
+  return db.close() == 0 ? found : -1;
 }
 
 int mail_auth_remove_domain(const char* domain) {

@@ -18,6 +18,12 @@ constexpr int kMailAuthNoCreate = 8;        // domain lookup: do not create it
 // is not in the database is no error (nothing changes, 0).
 int mail_auth_rename_domain(const char* old_domain, const char* new_domain);
 
+// mail_auth_domain_users - look domain up without changing anything: 1
+// with its number of users in *users when it has a row, 0 when it has
+// none, -1 (logged) on failure. The database is opened read-only and never
+// created, so a missing file is a failure.
+int mail_auth_domain_users(const char* domain, long* users);
+
 // mail_auth_remove_domain - delete the domain; its users go with it.
 int mail_auth_remove_domain(const char* domain);
 

@@ -60,8 +60,8 @@ bool bindId(SqliteStatement& stmt, int index, sqlite3_int64 id) {
   return sqlite3_bind_int64(stmt.get(), index, id) == SQLITE_OK;
 }
 
-int openAuthDb(SqliteDb& db, const char* path, const char* format) {
-  if (sqlite3_open(path, db.out()) != SQLITE_OK) {
+int openAuthDb(SqliteDb& db, const char* path, const char* format, int flags) {
+  if (sqlite3_open_v2(path, db.out(), flags, nullptr) != SQLITE_OK) {
     mail_log(3, format, path, db.errmsg());
     db.close();
     return -1;

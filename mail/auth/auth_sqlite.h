@@ -105,10 +105,12 @@ bool bindText(SqliteStatement& stmt, int index, const char* text, int length = -
 bool bindInt(SqliteStatement& stmt, int index, int value);
 bool bindId(SqliteStatement& stmt, int index, sqlite3_int64 id);
 
-// openAuthDb - sqlite3_open of path and the busy timeout. On failure logs
-// format (path, then SQLite's or the stand-in text) at priority 3, closes
-// whatever handle was returned and gives -1; 0 on success.
-int openAuthDb(SqliteDb& db, const char* path, const char* format);
+// openAuthDb - sqlite3_open_v2 of path with flags (by default read-write,
+// created when missing, as sqlite3_open does) and the busy timeout. On
+// failure logs format (path, then SQLite's or the stand-in text) at
+// priority 3, closes whatever handle was returned and gives -1; 0 on success.
+int openAuthDb(SqliteDb& db, const char* path, const char* format,
+               int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
 
 // prepareLogged - sqlite3_prepare of sql, repeated while busy. 0, or -1
 // after logging "Unable to prepare SQL statement for query ..." (or with

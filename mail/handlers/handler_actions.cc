@@ -248,6 +248,22 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
   return act(name, nullptr, final_action, nullptr, exact ? &written : nullptr);
 }
 
+// What a copy of a handler for a new target is made from besides its
+// template, type and hook.
+struct CopyParts {
+  OwnedString priority;
+  OwnedString executable;
+  OwnedString context;
+};
+
+// readCopyParts - false when a part cannot be read (each reader logs).
+bool readCopyParts(const char* name, CopyParts* parts) {
+  parts->priority.reset(handler_priority(name));
+  parts->executable.reset(handler_executable(name));
+  parts->context.reset(handler_param(name, "context"));
+  return parts->priority && parts->executable && parts->context;
+}
+
 // Makes a switched-on copy of the handler for target. When a handler of the
 // same template, type and hook already serves target, nothing is created.
 // The copy search asks index, when given, before the store.
@@ -263,12 +279,10 @@ int retarget(const char* name, const Location& loc, const char* target, HandlerI
     OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook));
     if (existing) return 0;
   }
-  OwnedString priority(handler_priority(name));
-  OwnedString executable(handler_executable(name));
-  OwnedString context(handler_param(name, "context"));
-  if (!priority || !executable || !context) return -1;
-  return addHandler(tmpl.get(), loc.type_name, target, executable.get(), context.get(),
-                    loc.hook, priority.get(), kHandlerSwitchOn, index);
+  CopyParts parts;
+  if (!readCopyParts(name, &parts)) return -1;
+  return addHandler(tmpl.get(), loc.type_name, target, parts.executable.get(),
+                    parts.context.get(), loc.hook, parts.priority.get(), kHandlerSwitchOn, index);
 }
 
 // handler_action; a re-target searches index, when given, for its copy;
@@ -340,6 +354,44 @@ int massResult(int errors) {
   if (errors == 0) return 0;
   mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
   return -1;
+}
+
+// matchTarget - whether a handler of the named target value is one that a
+// mass operation on target acts on: 1 with *moved_to set to the target it
+// gets (new_target, or for an address in the domain target the same local
+// part at new_target, formed in buf), 0 when it is not, -1 (logged) when
+// the new address does not fit.
+int matchTarget(const char* name, const char* value, const char* target, const char* new_target,
+                char* buf, size_t size, const char** moved_to) {
+  *moved_to = new_target;
+  if (std::strcmp(value, target) == 0) return 1;
+  if (std::strchr(target, '@') != nullptr) return 0;
+  const char* at = std::strchr(value, '@');
+  if (at == nullptr || std::strcmp(at + 1, target) != 0) return 0;
+  if (new_target == nullptr) return 1;
+  if (!path_format(buf, size, "%.*s@%s", static_cast<int>(at - value), value, new_target)) {
+    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    return -1;
+  }
+  *moved_to = buf;
+  return 1;
+}
+
+// readTypeAndValue - reads the handler's type and target value as the
+// store reads them, so that what is wrong is reported. false when either
+// cannot be read. For a global handler the value is its empty flag file.
+bool readTypeAndValue(const char* name, OwnedString* type, OwnedString* value) {
+  type->reset(handler_param(name, "handler-type"));
+  if (!*type) {
+    mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
+    return false;
+  }
+  value->reset(handler_param(name, type->get()));
+  if (!*value) {
+    mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+    return false;
+  }
+  return true;
 }
 
 // forEachHandler - calls visit(index, i, &errors) for every handler stored
@@ -441,7 +493,6 @@ int handlers_act_on_target(const char* target, const char* new_target, int actio
     mail_log(kLogErr, "Some parameter was not defined");
     return -1;
   }
-  const bool domain_mode = std::strchr(target, '@') == nullptr;
   return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
     const char* type = nullptr;
     const char* value = nullptr;
@@ -449,42 +500,42 @@ int handlers_act_on_target(const char* target, const char* new_target, int actio
     const char* name = index.name(i);  // after the index has read its fields
     OwnedString read_type, read_value;
     if (!known) {
-      // Read as the store reads, so that it reports what is wrong.
-      read_type.reset(handler_param(name, "handler-type"));
-      if (!read_type) {
-        mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
-        ++*errors;
-        return;
-      }
-      // For a global handler this reads its empty "global" flag: no match.
-      read_value.reset(handler_param(name, read_type.get()));
-      if (!read_value) {
-        mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+      if (!readTypeAndValue(name, &read_type, &read_value)) {
         ++*errors;
         return;
       }
       value = read_value.get();
     }
-    if (std::strcmp(value, target) == 0) {
-      actCounted(index, i, new_target, action, errors);
-      return;
-    }
-    if (!domain_mode) return;
-    const char* at = std::strchr(value, '@');
-    if (at == nullptr || std::strcmp(at + 1, target) != 0) return;
-    if (new_target == nullptr) {
-      actCounted(index, i, nullptr, action, errors);
-      return;
-    }
     char address[zanth::kPathMax];
-    if (!path_format(address, sizeof address, "%.*s@%s", static_cast<int>(at - value), value,
-                     new_target)) {
-      mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
-      ++*errors;
-      return;
-    }
-    actCounted(index, i, address, action, errors);
+    const char* moved_to = nullptr;
+    const int match = matchTarget(name, value, target, new_target, address, sizeof address,
+                                  &moved_to);
+    if (match < 0) ++*errors;
+    if (match > 0) actCounted(index, i, moved_to, action, errors);
   });
+}
+
+int handler_target_match(const char* name, const char* target, const char* new_target,
+                         char* buf, size_t size, const char** moved_to) {
+  OwnedString type, value;
+  if (!readTypeAndValue(name, &type, &value)) return -1;
+  return matchTarget(name, value.get(), target, new_target, buf, size, moved_to);
+}
+
+int handler_rename_ready(const char* name, const char* new_target) {
+  Location loc;
+  if (!locate(name, nullptr, &loc)) return -1;
+  OwnedString tmpl(handler_template(name));
+  if (!tmpl) return -1;
+  OwnedString existing(handler_find(tmpl.get(), loc.type_name, new_target, loc.hook));
+  if (existing) return 0;
+  CopyParts parts;
+  return readCopyParts(name, &parts) ? 0 : -1;
+}
+
+int handlers_list(std::vector<std::string>* names) {
+  return forEachHandler(
+      [names](HandlerIndex& index, size_t i, int*) { names->push_back(index.name(i)); });
 }
 
 int handlers_act_on_template(const char* tmpl, int action) {
@@ -506,10 +557,21 @@ int handlers_act_on_template(const char* tmpl, int action) {
   });
 }
 
+namespace {
+
+bool isRunnable(const struct stat& st) { return S_ISREG(st.st_mode) && (st.st_mode & S_IXUSR) != 0; }
+
+}  // namespace
+
+bool handlers_refresh_runnable() {
+  struct stat st;
+  return ::stat(kHandlersRefreshProgram, &st) == 0 && isRunnable(st);
+}
+
 int handlers_refresh() {
   struct stat st;
   int rc = ::stat(kHandlersRefreshProgram, &st);
-  if (rc != 0 || !S_ISREG(st.st_mode) || (st.st_mode & S_IXUSR) == 0) return rc;
+  if (rc != 0 || !isRunnable(st)) return rc;
   char program[zanth::kPathMax];
   char refresh[] = "refresh";
   if (!path_format(program, sizeof program, "%s", kHandlersRefreshProgram)) return -1;

@@ -7,6 +7,10 @@
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 #include "mail/handlers/handler_store.h"
 
 // Action numbers accepted by handler_action and the mass operations.
@@ -42,9 +46,33 @@ int handler_action(const char* name, const char* new_target, int action);
 // local part at new_target. Goes on past failures. 0, or -1 when any failed.
 int handlers_act_on_target(const char* target, const char* new_target, int action);
 
+// handler_target_match - whether the handler `name` is one that
+// handlers_act_on_target(target, new_target, ...) acts on: 1 when it is,
+// with *moved_to set to the target it gets (new_target itself, or for an
+// address in the domain target the same local part formed in buf; null
+// when new_target is); 0 when it is not; -1 (logged) when its type or
+// target cannot be read or the new address does not fit.
+int handler_target_match(const char* name, const char* target, const char* new_target,
+                         char* buf, size_t size, const char** moved_to);
+
+// handler_rename_ready - whether a move (action 6) of the handler to
+// new_target could read everything it copies: type, hook, stored target,
+// template and, unless a handler of that template already serves
+// new_target, priority, program and context. 0, or -1 with what is
+// missing logged. Changes nothing.
+int handler_rename_ready(const char* name, const char* new_target);
+
+// handlers_list - append the name of every stored handler to names, in
+// directory order. 0 / -1 (logged).
+int handlers_list(std::vector<std::string>* names);
+
 // handlers_act_on_template - apply action to every handler whose template
 // part equals tmpl, or to all handlers when tmpl is "all". 0 / -1.
 int handlers_act_on_template(const char* tmpl, int action);
+
+// handlers_refresh_runnable - whether handlers_refresh would run the
+// refresh program (an executable regular file).
+bool handlers_refresh_runnable();
 
 // handlers_refresh - run the refresh program when it is an executable
 // regular file; otherwise the result of stat on it and nothing is run.

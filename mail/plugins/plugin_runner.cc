@@ -108,35 +108,71 @@ int run_plugin_in_child(const char* path, const char* old_domain, const char* ne
   return WEXITSTATUS(status) != 0 ? 1 : 0;
 }
 
-int run_rename_plugins(const char* old_domain, const char* new_domain) {
+namespace {
+
+// walk_plugins - calls visit(path, entry name) for each plugin of the
+// directory, in directory order, while it returns true. One of the outcomes
+// of list_rename_plugins; the entry name whose path was too long in bad.
+template <class Visit>
+int walk_plugins(Visit visit, std::string* bad) {
   struct stat st;
-  if (::stat(kRenamePluginDir, &st) != 0 || !S_ISDIR(st.st_mode)) {
-    plugin_log(LOG_ERR, "plugin directory '%s' not exists or not directory", kRenamePluginDir);
-    return 1;
-  }
+  if (::stat(kRenamePluginDir, &st) != 0 || !S_ISDIR(st.st_mode)) return kPluginDirMissing;
   zanth::UniqueDir dir(::opendir(kRenamePluginDir));
-  if (dir.get() == nullptr) {
-    plugin_log(LOG_ERR, "cannot open plugins dir '%s'", kRenamePluginDir);
-    return 1;
-  }
+  if (dir.get() == nullptr) return kPluginDirUnreadable;
 
   char path[zanth::kPathMax];
   while (const struct dirent* entry = ::readdir(dir.get())) {
     if (!zanth::path_format(path, sizeof path, "%s/%s", kRenamePluginDir, entry->d_name)) {
-      plugin_log(LOG_ERR, "path '%s/%s' is too long", kRenamePluginDir, entry->d_name);
-      return 1;
+      *bad = entry->d_name;
+      return kPluginPathTooLong;
     }
     // Names, suffixes and modes do not matter: whatever is a regular file
     // once links are followed is a plugin.
     if (::stat(path, &st) != 0 || !S_ISREG(st.st_mode)) continue;
-
-    plugin_log(LOG_DEBUG, "call plugin '%s'", path);
-    int status = run_plugin_in_child(path, old_domain, new_domain);
-    if (status != 0) {
-      plugin_log(LOG_ERR, "plugin '%s' failed with status '%d'\n", entry->d_name, status);
-      return 1;
-    }
-    plugin_log(LOG_DEBUG, "plugin '%s' succeeded", path);
+    if (!visit(path, entry->d_name)) break;
   }
-  return 0;
+  return kPluginsListed;
+}
+
+}  // namespace
+
+int list_rename_plugins(std::vector<std::string>* paths) {
+  std::string bad;
+  return walk_plugins(
+      [paths](const char* path, const char*) {
+        paths->push_back(path);
+        return true;
+      },
+      &bad);
+}
+
+int run_rename_plugins(const char* old_domain, const char* new_domain) {
+  int failed = 0;
+  std::string bad;
+  const int walked = walk_plugins(
+      [&](const char* path, const char* name) {
+        plugin_log(LOG_DEBUG, "call plugin '%s'", path);
+        int status = run_plugin_in_child(path, old_domain, new_domain);
+        if (status != 0) {
+          plugin_log(LOG_ERR, "plugin '%s' failed with status '%d'\n", name, status);
+          failed = 1;
+          return false;
+        }
+        plugin_log(LOG_DEBUG, "plugin '%s' succeeded", path);
+        return true;
+      },
+      &bad);
+  switch (walked) {
+    case kPluginDirMissing:
+      plugin_log(LOG_ERR, "plugin directory '%s' not exists or not directory", kRenamePluginDir);
+      return 1;
+    case kPluginDirUnreadable:
+      plugin_log(LOG_ERR, "cannot open plugins dir '%s'", kRenamePluginDir);
+      return 1;
+    case kPluginPathTooLong:
+      plugin_log(LOG_ERR, "path '%s/%s' is too long", kRenamePluginDir, bad.c_str());
+      return 1;
+    default:
+      return failed;
+  }
 }

@@ -6,6 +6,9 @@
 #ifndef MXKEEP_MAIL_PLUGINS_PLUGIN_RUNNER_H
 #define MXKEEP_MAIL_PLUGINS_PLUGIN_RUNNER_H
 
+#include <string>
+#include <vector>
+
 // Where the plugins live. A missing directory fails the rename.
 constexpr char kRenamePluginDir[] = "/usr/lib/zanth-9.0/domain_rename";
 
@@ -14,6 +17,17 @@ constexpr char kRenamePluginDir[] = "/usr/lib/zanth-9.0/domain_rename";
 // succeeded or there were none; 1 on the first failure or a directory
 // problem, and the plugins after it are not run.
 int run_rename_plugins(const char* old_domain, const char* new_domain);
+
+// Outcomes of list_rename_plugins.
+constexpr int kPluginsListed = 0;
+constexpr int kPluginDirMissing = 1;     // missing, or not a directory
+constexpr int kPluginDirUnreadable = 2;  // cannot be opened
+constexpr int kPluginPathTooLong = 3;    // an entry's path does not fit
+
+// list_rename_plugins - append to paths the plugins run_rename_plugins would
+// run, in the order it would run them. One of the outcomes above; on a
+// path too long, the paths before it. Reports nothing: the caller does.
+int list_rename_plugins(std::vector<std::string>* paths);
 
 // run_plugin_in_child - fork, run call_plugin in the child and wait for
 // it. 0 when the child exited with status 0, 1 otherwise.

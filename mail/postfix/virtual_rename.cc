@@ -32,8 +32,6 @@ void writeCriticalRestoreMessage(const char* object) {
 
 namespace {
 
-namespace db = database;
-
 // undoWhileUnwinding - runs undo only while an exception is in flight; a
 // failing undo must not replace that exception (nor end the process from
 // a destructor), so it is swallowed and reported as a critical failure.
@@ -47,23 +45,11 @@ void undoWhileUnwinding(Undo undo) noexcept {
   }
 }
 
-// The three map rewrites; `from` becomes `to`.
-void renameInVirtualDomains(const std::string& from, const std::string& to) {
-  db::update(kVirtualDomainsMap,
-             db::ElementsFilter<db::ReplaceElementFilterRef>(db::ReplaceElementFilterRef(from, to)));
-}
-
-void renameInVirtual(const std::string& from, const std::string& to) {
-  db::update(kVirtualMap,
-             db::ElementsFilter<db::ReplaceDomainPart>(db::ReplaceDomainPart(from, to, false)));
-}
-
-void renameInVmailbox(const std::string& from, const std::string& to) {
-  const std::string fromPath = relativeDomainPath(from).string();
-  const std::string toPath = relativeDomainPath(to).string();
-  db::update(kVmailboxMap, db::KeyValueFilter<db::ReplaceDomainPart, db::ReplaceDomainPath>(
-                               db::ReplaceDomainPart(from, to, false),
-                               db::ReplaceDomainPath(fromPath, toPath)));
+// renameIn - rewrites one map; `from` becomes `to`.
+template <VirtualMap Map>
+void renameIn(const std::string& from, const std::string& to) {
+  withRenameFilter(Map, from, to,
+                   [](const auto& filter) { database::update(virtualMapSpec(Map), filter); });
 }
 
 typedef void (*MapRename)(const std::string& from, const std::string& to);
@@ -88,13 +74,25 @@ class MapUndoGuard {
 
 }  // namespace
 
+const char* virtualMapSpec(VirtualMap map) {
+  switch (map) {
+    case VirtualMap::kVirtualDomains:
+      return kVirtualDomainsMap;
+    case VirtualMap::kVirtual:
+      return kVirtualMap;
+    case VirtualMap::kVmailbox:
+      return kVmailboxMap;
+  }
+  return kVirtualDomainsMap;  // not reached: every enumerator is handled
+}
+
 void renameDomain(const std::string& oldName, const std::string& newName) {
-  renameInVirtualDomains(oldName, newName);
-  MapUndoGuard<renameInVirtualDomains> virtualDomainsGuard(oldName, newName);
-  renameInVirtual(oldName, newName);
-  MapUndoGuard<renameInVirtual> virtualGuard(oldName, newName);
-  renameInVmailbox(oldName, newName);
-  MapUndoGuard<renameInVmailbox> vmailboxGuard(oldName, newName);
+  renameIn<VirtualMap::kVirtualDomains>(oldName, newName);
+  MapUndoGuard<renameIn<VirtualMap::kVirtualDomains>> virtualDomainsGuard(oldName, newName);
+  renameIn<VirtualMap::kVirtual>(oldName, newName);
+  MapUndoGuard<renameIn<VirtualMap::kVirtual>> virtualGuard(oldName, newName);
+  renameIn<VirtualMap::kVmailbox>(oldName, newName);
+  MapUndoGuard<renameIn<VirtualMap::kVmailbox>> vmailboxGuard(oldName, newName);
   renameDomainDirectory(getPopUser(), oldName, newName);
 }
 

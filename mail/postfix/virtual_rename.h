@@ -8,6 +8,9 @@
 
 #include <string>
 
+#include "mail/postfix/database/filters.h"
+#include "mail/postfix/mail_dirs.h"
+
 namespace zanth {
 namespace mail {
 namespace postfix {
@@ -16,6 +19,39 @@ namespace postfix {
 extern const char* const kVirtualDomainsMap;
 extern const char* const kVirtualMap;
 extern const char* const kVmailboxMap;
+
+// The three maps, in the order they are rewritten.
+enum class VirtualMap { kVirtualDomains, kVirtual, kVmailbox };
+constexpr VirtualMap kVirtualMaps[] = {VirtualMap::kVirtualDomains, VirtualMap::kVirtual,
+                                       VirtualMap::kVmailbox};
+
+// virtualMapSpec - the map specification ("hash:/...") of a map.
+const char* virtualMapSpec(VirtualMap map);
+
+// withRenameFilter - calls use(filter) with the line filter that renames
+// `from` to `to` in `map`: the one rule per map that the rename, its undo
+// and the read-only check all apply, so that they cannot disagree. The
+// filter holds references to from, to and locals of this call; it must
+// not outlive use().
+template <class Use>
+void withRenameFilter(VirtualMap map, const std::string& from, const std::string& to, Use use) {
+  namespace db = database;
+  switch (map) {
+    case VirtualMap::kVirtualDomains:
+      use(db::ElementsFilter<db::ReplaceElementFilterRef>(db::ReplaceElementFilterRef(from, to)));
+      return;
+    case VirtualMap::kVirtual:
+      use(db::ElementsFilter<db::ReplaceDomainPart>(db::ReplaceDomainPart(from, to, false)));
+      return;
+    case VirtualMap::kVmailbox: {
+      const std::string fromPath = relativeDomainPath(from).string();
+      const std::string toPath = relativeDomainPath(to).string();
+      use(db::KeyValueFilter<db::ReplaceDomainPart, db::ReplaceDomainPath>(
+          db::ReplaceDomainPart(from, to, false), db::ReplaceDomainPath(fromPath, toPath)));
+      return;
+    }
+  }
+}
 
 // The fixed parts of the critical-restore message: head, one blank, the
 // object that could not be restored, tail.

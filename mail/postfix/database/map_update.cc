@@ -41,11 +41,49 @@ void appendBlock(std::string& text, const std::vector<char>& block) {
 
 bool exitedWithZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
+// runPostmap - runs postmap with one or two arguments (an empty second one
+// ends the list), its standard output to consumer when there is one. Throws
+// PostfixConfigurationError with what it wrote to standard error.
+void runPostmap(const std::string& firstArgument, const std::string& secondArgument,
+                const MapRewrite::Consumer* consumer) {
+  std::string errors;
+  process::ProcessSpec child(kPostmapPath, firstArgument, secondArgument);
+  child.stderrSetting = process::kStreamPipe;
+  child.stderrConsumer = boost::bind(&appendBlock, boost::ref(errors), boost::placeholders::_1);
+  process::Pipe pipe;
+  if (consumer != nullptr) pipe.setOutput(process::kStreamPipe, *consumer);
+  pipe.addProcess(child);
+  const int status = pipe.run();
+  if (!exitedWithZero(status))
+    throw PostfixConfigurationError(errors.empty() ? kUnknownError : errors);
+}
+
+// Hands each line to a visitor and keeps none.
+class LineVisitor {
+ public:
+  explicit LineVisitor(const boost::function<void(const std::string&)>& visit) : visit_(visit) {}
+  bool operator()(const std::string& line) const {
+    visit_(line);
+    return false;
+  }
+
+ private:
+  const boost::function<void(const std::string&)>& visit_;
+};
+
 }  // namespace
 
 std::string mapPath(const std::string& spec) {
   const std::string::size_type colon = spec.find(':');
   return colon == std::string::npos ? spec : spec.substr(colon + 1);
+}
+
+void readMap(const std::string& spec, const boost::function<void(const std::string&)>& visit) {
+  std::ostream nowhere(nullptr);  // LineVisitor keeps no line
+  DataStreamFilter<LineVisitor> lines(LineVisitor(visit), nowhere);
+  const MapRewrite::Consumer consumer = lines.consumer();
+  runPostmap("-s", spec, &consumer);
+  lines.finish();
 }
 
 MapRewrite::MapRewrite(const std::string& spec)
@@ -60,21 +98,6 @@ void MapRewrite::rebuild() {
   // wrong with the file, which says more than the close would.
   text_.close();
   runPostmap(spec_, std::string(), nullptr);
-}
-
-void MapRewrite::runPostmap(const std::string& firstArgument, const std::string& secondArgument,
-                            const Consumer* consumer) {
-  errors_.clear();
-  process::ProcessSpec child(kPostmapPath, firstArgument, secondArgument);
-  child.stderrSetting = process::kStreamPipe;
-  child.stderrConsumer =
-      boost::bind(&appendBlock, boost::ref(errors_), boost::placeholders::_1);
-  process::Pipe pipe;
-  if (consumer != nullptr) pipe.setOutput(process::kStreamPipe, *consumer);
-  pipe.addProcess(child);
-  const int status = pipe.run();
-  if (!exitedWithZero(status))
-    throw PostfixConfigurationError(errors_.empty() ? kUnknownError : errors_);
 }
 
 }  // namespace database

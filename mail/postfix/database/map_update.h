@@ -45,6 +45,12 @@ constexpr const char* kPostmapPath = "/usr/sbin/postmap";
 // when it has no ':'.
 std::string mapPath(const std::string& spec);
 
+// readMap - runs "postmap -s spec" and hands every record of the dump, in
+// dump order and without its line feed, to visit. Read-only: no lock, no
+// text source; postmap's own shared lock on the database is all that is
+// taken. Throws PostfixConfigurationError as update() does for the dump.
+void readMap(const std::string& spec, const boost::function<void(const std::string&)>& visit);
+
 // One dump-filter-rebuild cycle of a map. Construction takes the map's
 // lock (waiting) and opens the text source; destruction removes the text
 // source, then releases the lock. Use through update().
@@ -67,13 +73,9 @@ class MapRewrite {
   void rebuild();
 
  private:
-  void runPostmap(const std::string& firstArgument, const std::string& secondArgument,
-                  const Consumer* consumer);
-
   const std::string spec_;
   ScopedLock lock_;
   AutocleanOFStream text_;
-  std::string errors_;  // postmap's standard error of the current run
 };
 
 // update - rewrites the map `spec` through the line filter: every record
