@@ -6,6 +6,8 @@
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 
+#include "common/fixed_paths.h"
+
 // Action numbers accepted by handler_action and the mass operations.
 constexpr int kHandlerRemove = 1;     // switch off, delete the description
 constexpr int kHandlerSwitchOn = 2;   // create the queue entry
@@ -15,7 +17,7 @@ constexpr int kHandlerRetarget = 5;   // switched-on copy for a new target
 constexpr int kHandlerRename = 6;     // re-target, then remove the original
 
 // Program that syncs the store's fast copy; run with "refresh" when present.
-constexpr const char* kHandlersRefreshProgram = "/usr/lib/zanth-9.0/handlers-tmpfs";
+constexpr const char* kHandlersRefreshProgram = zanth::paths::kHandlersRefreshProgram;
 
 // handler_action - apply one action to the named handler; new_target is the
 // target value for actions 5 and 6. 0 / -1 (action 4: 1 or 0).
