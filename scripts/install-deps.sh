@@ -9,7 +9,6 @@ packages=(
   libboost-filesystem-dev
   libsqlite3-dev sqlite3
   libidn-dev
-  libmariadb-dev
   libssl-dev
   postfix
   util-linux
