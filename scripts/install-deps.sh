@@ -12,6 +12,7 @@ packages=(
   libssl-dev
   postfix
   util-linux
+  scdoc man-db
 )
 
 missing=()
