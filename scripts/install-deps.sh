@@ -13,6 +13,7 @@ packages=(
   postfix
   util-linux
   scdoc man-db
+  debhelper dpkg-dev lintian
 )
 
 missing=()
