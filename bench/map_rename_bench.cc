@@ -28,14 +28,15 @@
 #include <string>
 #include <vector>
 
+#include "common/fixed_paths.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_users.h"
 
 namespace {
 
-constexpr const char* kPostmap = "/usr/sbin/postmap";
-constexpr const char* kMapDir = "/var/spool/postfix/zanth";
-constexpr const char* kMailNames = "/var/qmail/mailnames";
+constexpr const char* kPostmap = zanth::paths::kPostmapProgram;
+constexpr const char* kMapDir = zanth::paths::kMapDir;
+constexpr const char* kMailNames = zanth::paths::kMailNamesDir;
 constexpr const char* kMaps[] = {"virtual_domains", "virtual", "vmailbox"};
 constexpr int kUsersPerDomain = 10;
 constexpr int kRuns = 5;

@@ -31,7 +31,7 @@ struct CompiledVar {
 
 const CompiledVar kCompiledVars[kVarCount] = {
     {"_MIN_POSSIBLE_ORB_CONF_VAR_NAME", "_MIN_POSSIBLE_ORB_CONF_VAR_VALUE"},
-    {"ZANTH_MAILNAMES_D", "/var/qmail/mailnames"},
+    {"ZANTH_MAILNAMES_D", zanth::paths::kMailNamesDir},
     {"COURIER_IMAP_ROOT_D", "/"},
     {"RBLSMTPD", "/usr/sbin/rblsmtpd"},
     {"CGI_PHP_BIN", "dynamic"},
@@ -60,7 +60,7 @@ const CompiledVar kCompiledVars[kVarCount] = {
     {"HTTPD_INCLUDE_D", "/etc/apache2/conf.d"},
     {"HTTPD_CONF_D", "/etc/apache2"},
     {"HTTPD_VHOSTS_D", "/var/www/vhosts"},
-    {"PRODUCT_ROOT_D", "/opt/orb"},
+    {"PRODUCT_ROOT_D", zanth::paths::kProductRootDir},
     {"_MAX_POSSIBLE_ORB_CONF_VAR_NAME", "_MAX_POSSIBLE_ORB_CONF_VAR_VALUE"},
 };
 

@@ -6,6 +6,8 @@
 #ifndef MXKEEP_COMMON_ORB_CONF_H
 #define MXKEEP_COMMON_ORB_CONF_H
 
+#include "common/fixed_paths.h"
+
 // Indexes of the compile-time variables. The two ends are range sentinels.
 enum orb_conf_var {
   ORB_CONF_MIN_VAR = 0,
@@ -43,7 +45,7 @@ enum orb_conf_var {
 };
 
 // The runtime configuration file.
-constexpr const char* kOrbConfPath = "/etc/orb/orb.conf";
+constexpr const char* kOrbConfPath = zanth::paths::kOrbConfPath;
 
 // One name/value pair; both strings belong to the table.
 struct conf_pair {

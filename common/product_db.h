@@ -10,8 +10,10 @@
 
 #include <cstddef>
 
+#include "common/fixed_paths.h"
+
 // The administrator's password is the first line of this root-only file.
-constexpr char kDbAdminPasswordFile[] = "/etc/orb/.orb.shadow";
+constexpr const char* kDbAdminPasswordFile = zanth::paths::kDbAdminPasswordFile;
 // Room for the password line: at most 99 characters are used.
 constexpr size_t kDbAdminPasswordSize = 100;
 // Size of the shared query buffer (SQL text in, value out).

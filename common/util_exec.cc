@@ -17,6 +17,7 @@
 
 #include "common/errors.h"
 #include "common/orb_conf.h"
+#include "common/fixed_paths.h"
 #include "common/syscall.h"
 
 namespace {
@@ -26,7 +27,7 @@ constexpr int kReportOnly = 0;       // report_error status that returns
 constexpr size_t kCaptureStep = 4096;
 constexpr int kQuietPollMs = 1000;   // silence after which the child is polled
 constexpr size_t kErrorBlock = 4095;
-constexpr char kLibUtilDir[] = "/usr/lib/zanth-9.0";
+constexpr const char* kLibUtilDir = zanth::paths::kLibUtilDir;
 constexpr char kDevNull[] = "/dev/null";
 
 // The exit status a child uses when it cannot exec (seen as 255). The child

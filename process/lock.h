@@ -11,9 +11,11 @@
 
 #include <string>
 
+#include "common/fixed_paths.h"
+
 // Directory of the hashed lock files; must exist (a tmpfiles.d entry makes
 // it at boot, since /var/lock lives in memory).
-constexpr const char* kLockFilesDir = "/var/lock/files";
+constexpr const char* kLockFilesDir = zanth::paths::kLockFilesDir;
 
 // A lock file taken by lock_file_wait or lock_file_try. fd > 0: the lock is
 // held through fd; 0: another holder has it; -1 (or another negative

@@ -2,9 +2,10 @@
 # The demo proper; runs inside testing/sandbox.sh (see scripts/demo.sh).
 # Installs the tool into the sandbox's /usr, lays out a small sample mail
 # layer at the fixed paths, renames example.org to bücher.example and shows
-# every place before and after; then shows a failing rename and its undo.
-# The domain check looks at the layout before the rename, after it, and
-# after the failing rename.
+# every place before and after, while a real Postfix delivers mail to the
+# domain's mailbox under the old name and then the new one; then shows a
+# failing rename and its undo. The domain check looks at the layout before
+# the rename, after it, and after the failing rename.
 # Usage: demo-inside.sh BUILD_DIR
 set -uo pipefail
 build=$1
@@ -17,6 +18,8 @@ mailnames=/var/qmail/mailnames
 authdb=$maps/passwd.db
 handlers=/opt/orb/handlers
 domain_list=/var/lib/zanth/mail/local_domains
+. "$(dirname "$0")/../testing/mail_flow.sh"
+trap mail_flow_stop EXIT
 
 banner() { printf '\n=== %s\n' "$*"; }
 
@@ -103,8 +106,8 @@ map virtual_domains "example.org VIRTUAL" "mail.example.org VIRTUAL" "other.exam
 map virtual "info@example.org info@example.org" "sales@example.org info@example.org, boss@other.example" \
   "@example.org info@example.org" "boss@other.example boss@other.example, info@example.org" \
   "help@mail.example.org info@mail.example.org"
-map vmailbox "info@example.org example.org/info/" "boss@other.example other.example/boss/" \
-  "help@mail.example.org mail.example.org/help/"
+map vmailbox "info@example.org example.org/info/Maildir/" "boss@other.example other.example/boss/Maildir/" \
+  "help@mail.example.org mail.example.org/help/Maildir/"
 mailbox example.org info
 mailbox other.example boss
 mailbox mail.example.org help
@@ -124,6 +127,20 @@ SH
 chmod 0755 /usr/lib/zanth-9.0/handlers-tmpfs
 show_state
 
+# deliver ID TO: sends message ID from boss@other.example to TO through
+# Postfix and shows where it ended.
+deliver() {
+  echo "\$ sendmail -f boss@other.example $2    (Message-ID <$1@demo>)"
+  mail_flow_send "$1" boss@other.example "$2"
+  local status; status=$(mail_flow_wait "$1") || return 1
+  echo "  postfix: ${status%%, relay=*} ... status=${status#*status=}"
+  mail_flow_find "$1" | sed 's/^/  message file: /'
+}
+
+banner "Postfix delivers to the old name (pickup, cleanup, qmgr, virtual; no network)"
+mail_flow_start | sed 's/^/  /'
+deliver before info@example.org
+
 banner "Argument checks"
 run --help
 run --help x
@@ -139,6 +156,19 @@ check --json example.org bücher.example
 banner "Renaming example.org to bücher.example"
 run example.org bücher.example
 show_state
+
+banner "Postfix delivers to the same mailbox under the new name"
+echo "(postfix reload: its daemons would notice the rebuilt maps one by one"
+echo " within a minute; the reload makes them all reopen the maps now)"
+mail_flow_reload
+deliver after-new info@xn--bcher-kva.example
+echo "-- the mailbox's Maildir/new now holds both messages:"
+ls "$mailnames/xn--bcher-kva.example/info/Maildir/new" | sed 's/^/   /'
+
+banner "Mail to the old address now bounces back to its sender"
+deliver after-old info@example.org
+echo "(the files are the bounce notice, in the sender's Maildir and, through the"
+echo " virtual map's copy of boss's mail to info, in info's)"
 
 # --- domain check ---
 banner "Looking after the rename: every place under the new name"

@@ -14,7 +14,8 @@ packages=(
   libssl-dev
   postfix
   util-linux
-  scdoc
+  scdoc man-db
+  debhelper dpkg-dev lintian
 )
 
 missing=()
@@ -24,8 +25,9 @@ done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 export DEBIAN_FRONTEND=noninteractive
-# Postfix is installed only for its postmap program: leave the host's mail
-# configuration alone and never start a mail service here.
+# Postfix is installed for postmap and for the demo's mail flow, which runs
+# it inside the sandbox only: leave the host's mail configuration alone and
+# never start a mail service here.
 echo "postfix postfix/main_mailer_type select No configuration" | debconf-set-selections
 # mariadb-server is for the tests only: they start their own server inside
 # the sandbox. Its package would start a system service on installation;

@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "common/file_util.h"
+#include "common/fixed_paths.h"
 #include "common/mail_log.h"
 #include "common/orb_conf.h"
 #include "common/syscall.h"
@@ -34,8 +35,8 @@ struct AuthLocation {
 // The Postfix file is readable by its owner but writable by group root
 // only; the SMTP side reads it as "postfix", the panel writes it as root.
 constexpr AuthLocation kLocations[] = {
-    {"/var/lib/zanth/mail/auth/passwd.db", false, 0750, 0600},
-    {"/var/spool/postfix/zanth/passwd.db", true, 0770, 0460},
+    {zanth::paths::kAuthDbPath, false, 0750, 0600},
+    {zanth::paths::kAuthDbPostfixPath, true, 0770, 0460},
 };
 
 constexpr char kPostfixUser[] = "postfix";

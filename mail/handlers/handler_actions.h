@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "mail/handlers/handler_store.h"
+#include "common/fixed_paths.h"
 
 // Action numbers accepted by handler_action and the mass operations.
 constexpr int kHandlerRemove = 1;     // switch off, delete the description
@@ -22,7 +23,7 @@ constexpr int kHandlerRetarget = 5;   // switched-on copy for a new target
 constexpr int kHandlerRename = 6;     // re-target, then remove the original
 
 // Program that syncs the store's fast copy; run with "refresh" when present.
-constexpr const char* kHandlersRefreshProgram = "/usr/lib/zanth-9.0/handlers-tmpfs";
+constexpr const char* kHandlersRefreshProgram = zanth::paths::kHandlersRefreshProgram;
 
 // handler_add - create a handler description and apply final_action to it
 // (2 switches it on, 3 leaves it off). 0 / -1; a failure part-way leaves the

@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <memory>
 
+#include "common/fixed_paths.h"
+
 // Roots of the store: queue directories and handler descriptions.
-constexpr const char* kHandlersQueueRoot = "/opt/orb/handlers";
-constexpr const char* kHandlersInfoRoot = "/opt/orb/handlers/info";
+constexpr const char* kHandlersQueueRoot = zanth::paths::kHandlersQueueRoot;
+constexpr const char* kHandlersInfoRoot = zanth::paths::kHandlersInfoRoot;
 
 // Type codes, indices into the fixed table of type names.
 constexpr unsigned kHandlerSender = 0;

@@ -9,8 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "common/fixed_paths.h"
+
 // Where the plugins live. A missing directory fails the rename.
-constexpr char kRenamePluginDir[] = "/usr/lib/zanth-9.0/domain_rename";
+constexpr const char* kRenamePluginDir = zanth::paths::kRenamePluginDir;
 
 // run_rename_plugins - run every regular file of the plugin directory (in
 // directory order, symbolic links followed) as a plugin. 0 when all

@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "common/errors.h"
+#include "common/fixed_paths.h"
 #include "mail/postfix/database/filters.h"
 #include "mail/postfix/database/map_update.h"
 #include "mail/postfix/mail_dirs.h"
@@ -15,9 +16,9 @@ namespace zanth {
 namespace mail {
 namespace postfix {
 
-const char* const kVirtualDomainsMap = "hash:/var/spool/postfix/zanth/virtual_domains";
-const char* const kVirtualMap = "hash:/var/spool/postfix/zanth/virtual";
-const char* const kVmailboxMap = "hash:/var/spool/postfix/zanth/vmailbox";
+const char* const kVirtualDomainsMap = paths::kVirtualDomainsMap;
+const char* const kVirtualMap = paths::kVirtualMap;
+const char* const kVmailboxMap = paths::kVmailboxMap;
 
 const char* const kCriticalRestoreHead = "CRITICAL ERROR: Unable to properly restore";
 const char* const kCriticalRestoreTail =

@@ -15,12 +15,13 @@
 #include <cstring>
 #include <string>
 
+#include "common/fixed_paths.h"
 #include "common/syscall.h"
 #include "mail/plugins/rename_plugin.h"
 
 namespace {
 
-constexpr char kDomainList[] = "/var/lib/zanth/mail/local_domains";
+constexpr const char* kDomainList = zanth::paths::kDomainListPath;
 constexpr char kTempSuffix[] = ".tmp";
 constexpr mode_t kPermissionBits = 07777;
 

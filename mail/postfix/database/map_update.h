@@ -13,6 +13,7 @@
 #include <boost/function.hpp>
 
 #include "mail/postfix/database/filters.h"
+#include "common/fixed_paths.h"
 #include "process/lock.h"
 
 namespace zanth {
@@ -39,7 +40,7 @@ namespace postfix {
 namespace database {
 
 // The program that dumps and rebuilds maps.
-constexpr const char* kPostmapPath = "/usr/sbin/postmap";
+constexpr const char* kPostmapPath = paths::kPostmapProgram;
 
 // mapPath - the file part of a map name ("type:path"), or the whole name
 // when it has no ':'.
