@@ -9,6 +9,7 @@
 #include <typeinfo>
 
 #include "common/errors.h"
+#include "common/file_util.h"
 #include "common/idn.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
@@ -83,6 +84,9 @@ void renameDomain(std::string& oldName, std::string& newName) {
 }
 
 int domainRenameMain(int argc, char** argv) {
+  // Before anything is opened: no file may become standard input, output
+  // or error. Without them there is nowhere to report to either.
+  if (open_standard_descriptors() != 0) return kExitFailure;
   try {
     checkArguments(argc, argv);
     std::string oldName = argv[1];

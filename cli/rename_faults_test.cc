@@ -38,6 +38,40 @@ const std::string kFatal = "Fatal error: ";
 const std::string kServicesFailed =
     kFatal + "zanth::mail::postfix::PostfixError(unable to rename some of services)\n";
 
+Records authDomains() {
+  return auth_testing::sqlRows(kSpool + "/passwd.db", "SELECT name FROM domains ORDER BY name");
+}
+
+void installPlugin(const std::string& module) {
+  ASSERT_EQ(0, shell("install -m 0644 " + buildPath("test_plugins/" + module) + " " + kPluginDir)
+                   .exitCode());
+}
+
+// Every map holds `records(map)`, only databases lie beside them, the mail
+// directory is under `dir` alone and the auth database knows `authDomain`.
+void expectPlaces(Records (*records)(const std::string&), const std::string& dir,
+                  const std::string& authDomain) {
+  for (const char* map : kMaps) EXPECT_EQ(records(map), dumpMap(map)) << map;
+  for (fs::directory_iterator it(kSpool), end; it != end; ++it)
+    if (it->path().filename() != "passwd.db") {
+      EXPECT_EQ(".db", it->path().extension()) << "left beside the maps: " << it->path();
+    }
+  const std::string other = dir == "a.example" ? "b.example" : "a.example";
+  EXPECT_TRUE(pathExists(kMailNames + dir + "/info/Maildir/new/1.eml")) << dir;
+  EXPECT_FALSE(pathExists(kMailNames + other)) << other;
+  EXPECT_EQ((Records{authDomain, "c.example"}), authDomains());
+}
+
+// No lock file is held by anyone once the tool is gone.
+void expectNoLockHeld() {
+  for (fs::directory_iterator it("/var/lock/files"), end; it != end; ++it) {
+    const int fd = ::open(it->path().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(0, ::flock(fd, LOCK_EX | LOCK_NB)) << "still locked: " << it->path();
+    ::close(fd);
+  }
+}
+
 class RenameFaults : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -98,6 +132,40 @@ TEST_F(RenameFaults, TextSourceNeverRebuildsAMapFromLessThanItsRecords) {
     EXPECT_EQ(virtualBefore, dumpMap(kVirtualMap));
     EXPECT_EQ(sampleBefore(kVmailboxMap), dumpMap(kVmailboxMap));
   }
+}
+
+TEST_F(RenameFaults, ClosedStandardStreamsNeitherHangNorCatchDiagnostics) {
+  installPlugin("failing.so");
+  const std::string tool = "timeout -s KILL 20 " + toolPath() + " a.example b.example";
+  // Standard input closed: the first lock must still be released, or the
+  // undo after the late failure waits on it for ever.
+  RunResult r = shell("exec 0<&-; " + tool);
+  EXPECT_EQ(1, r.exitCode());
+  EXPECT_EQ("plugin 'failing.so' failed with status '1'\n" + kServicesFailed, r.err);
+  expectPlaces(sampleAfter, "a.example", "b.example");
+  expectNoLockHeld();
+
+  // Standard output and error closed: nothing may land in a file.
+  makeSampleMailLayer();
+  r = shell("exec 1>&- 2>&-; " + tool + "; echo $? > /run/status");
+  EXPECT_EQ("1\n", readFile("/run/status"));
+  EXPECT_EQ("", shell("grep -rl 'Fatal error' /var /run/lock").out);
+  expectPlaces(sampleAfter, "a.example", "b.example");
+}
+
+TEST_F(RenameFaults, ChildrenSeeNoDescriptorOfTheTool) {
+  ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
+                           "20", 2));
+  // Each postmap and refresh program lists its open descriptors.
+  const std::string record = "ls -l /proc/$$/fd >> /run/fds\n";
+  PostmapStandIn postmap(record + "exec \"$REAL\" \"$@\"");
+  writeFile(kRefresh, "#!/bin/sh\n" + record, 0755);
+  const RunResult r = runTool({"a.example", "b.example"});
+  EXPECT_EQ(0, r.exitCode()) << r.err;
+  const std::string fds = readFile("/run/fds");
+  EXPECT_NE(std::string::npos, fds.find("handlers-tmpfs")) << fds;
+  for (const char* leak : {"lock/files", "zanth/", "passwd.db", "utilities.sem"})
+    EXPECT_EQ(std::string::npos, fds.find(leak)) << leak << " in\n" << fds;
 }
 
 }  // namespace

@@ -370,7 +370,7 @@ int exec_silent(const char* path, ...) {
 
 int popen_exec(const char* command, char** out) {
   *out = nullptr;
-  FILE* stream = ::popen(command, "r");
+  FILE* stream = ::popen(command, "re");
   if (stream == nullptr) {
     std::fputs("popen_exec: failed to execute command: fork or pipe calls failed, or cannon allocate "
                "memory\n",

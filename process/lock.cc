@@ -38,6 +38,19 @@ bool hashed_path(const char* name, char* path, size_t size) {
   return zanth::path_format(path, size, "%s/%s", kLockFilesDir, hex);
 }
 
+// move_above_standard - a lock never lives on descriptor 0, 1 or 2: 0
+// would read as "held elsewhere" and never be released, and a diagnostic
+// written to 1 or 2 would land in the lock file. false (fd closed, errno
+// set) when no other descriptor can be had.
+bool move_above_standard(int& fd) {
+  int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+  int saved = errno;
+  close(fd);
+  errno = saved;
+  fd = moved;
+  return moved >= 0;
+}
+
 LockHandle* lock_file(const char* name, int hashed, int operation) {
   char hashed_name[zanth::kPathMax];
   if (hashed && !hashed_path(name, hashed_name, sizeof hashed_name)) {
@@ -52,12 +65,17 @@ LockHandle* lock_file(const char* name, int hashed, int operation) {
     return nullptr;
   }
 
-  handle->fd = zanth::retryEintr(
-      [&] { return open(handle->path, O_RDWR | O_CREAT | O_TRUNC, kLockFileMode); });
+  handle->fd = zanth::retryEintr([&] {
+    return open(handle->path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kLockFileMode);
+  });
   if (handle->fd < 0) {
     int saved = errno;
     report_error(0, 0, "Unable to open file \"%s\": %s.", handle->path, std::strerror(saved));
     errno = saved;
+    return handle;
+  }
+  if (handle->fd < 3 && !move_above_standard(handle->fd)) {
+    handle->fd = -1;
     return handle;
   }
   if (zanth::retryEintr([&] { return flock(handle->fd, operation); }) != 0) {
@@ -127,7 +145,7 @@ void utilities_sem_init() {
     report_error(kExitFailure, 1, "semaphore file path under %s is too long", root);
   }
   auto open_sem = [&] {
-    return zanth::retryEintr([&] { return open(path, O_WRONLY | O_CREAT, kSemFileMode); });
+    return zanth::retryEintr([&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kSemFileMode); });
   };
   int fd = open_sem();
   if (fd < 0 && errno == ENOENT) {

@@ -26,7 +26,8 @@ struct LockHandle {
 // lock_file_wait - lock the file for name, waiting until it is free. With
 // hashed set the file is kLockFilesDir/<lower-case hex MD5 of name>,
 // otherwise name is the path. A new handle for lock_file_release, or null
-// (errno ENOMEM) when none can be made. A failed open is reported.
+// (errno ENOMEM) when none can be made. A failed open is reported. Lock
+// files are close-on-exec and never descriptor 0, 1 or 2.
 LockHandle* lock_file_wait(const char* name, int hashed);
 
 // lock_file_try - as lock_file_wait, but gives fd 0 at once when held.
