@@ -168,4 +168,21 @@ TEST_F(RenameFaults, ChildrenSeeNoDescriptorOfTheTool) {
     EXPECT_EQ(std::string::npos, fds.find(leak)) << leak << " in\n" << fds;
 }
 
+TEST_F(RenameFaults, ThrowingPluginFailsOnlyItselfAndExitingPluginEndsItsChild) {
+  installPlugin("throwing.so");
+  RunResult r = runTool({"a.example", "b.example"});
+  EXPECT_EQ(1, r.exitCode());
+  EXPECT_EQ("plugin '" + kPluginDir + "throwing.so' threw an exception: refused by the service\n"
+            "plugin 'throwing.so' failed with status '1'\n" + kServicesFailed, r.err);
+  EXPECT_EQ(kServicesFailed, r.out);
+  expectPlaces(sampleAfter, "a.example", "b.example");
+
+  ::unlink((kPluginDir + "throwing.so").c_str());
+  installPlugin("exiting.so");
+  r = runTool({"a.example", "b.example"});
+  EXPECT_EQ(0, r.exitCode()) << r.err;
+  EXPECT_EQ("the exiting plugin ran", r.out);
+  expectPlaces(sampleAfter, "b.example", "b.example");
+}
+
 }  // namespace
