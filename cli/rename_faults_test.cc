@@ -38,6 +38,10 @@ const std::string kFatal = "Fatal error: ";
 const std::string kServicesFailed =
     kFatal + "zanth::mail::postfix::PostfixError(unable to rename some of services)\n";
 
+std::string terminated(const char* name) {
+  return kFatal + "zanth::process::TerminationSignal(terminated by " + name + ")\n";
+}
+
 Records authDomains() {
   return auth_testing::sqlRows(kSpool + "/passwd.db", "SELECT name FROM domains ORDER BY name");
 }
@@ -72,6 +76,67 @@ void expectNoLockHeld() {
   }
 }
 
+// The tool started in the background, its output going to files or, with
+// readerGone, its standard output into a pipe nobody reads any more. It
+// gets SIGPIPE's default disposition, whatever the test process has.
+class BackgroundTool {
+ public:
+  explicit BackgroundTool(const std::vector<std::string>& args, const std::string& tag = "tool",
+                          bool readerGone = false) {
+    out_ = "/run/" + tag + ".out";
+    err_ = "/run/" + tag + ".err";
+    writeFile(out_, "");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      int out = ::open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      int ends[2];
+      if (readerGone && ::pipe(ends) == 0) {
+        ::close(ends[0]);
+        out = ends[1];
+      }
+      const int err = ::open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      ::dup2(out, 1);
+      ::dup2(err, 2);
+      ::signal(SIGPIPE, SIG_DFL);
+      std::vector<std::string> argv{toolPath()};
+      argv.insert(argv.end(), args.begin(), args.end());
+      std::vector<char*> raw;
+      for (std::string& a : argv) raw.push_back(&a[0]);
+      raw.push_back(nullptr);
+      ::execv(raw[0], raw.data());
+      ::_exit(127);
+    }
+  }
+  pid_t pid() const { return pid_; }
+  RunResult wait() {
+    RunResult r;
+    while (::waitpid(pid_, &r.status, 0) < 0 && errno == EINTR) {
+    }
+    r.out = readFile(out_);
+    r.err = readFile(err_);
+    return r;
+  }
+
+ private:
+  pid_t pid_;
+  std::string out_, err_;
+};
+
+// A stand-in program's part of the handshake: tell the test it is here,
+// then wait until the test lets it go on.
+const std::string kWaitOnFifo = "echo waiting > /run/ready; cat /run/go > /dev/null";
+
+// Renames a.example to b.example and sends `signal` to the tool while a
+// stand-in program waits in kWaitOnFifo.
+RunResult renameSignalledDuringStandIn(int signal) {
+  EXPECT_EQ(0, shell("rm -f /run/ready /run/go && mkfifo /run/ready /run/go").exitCode());
+  BackgroundTool tool({"a.example", "b.example"});
+  readFile(kReady);
+  EXPECT_EQ(0, ::kill(tool.pid(), signal));
+  writeFile(kGo, "go\n");
+  return tool.wait();
+}
+
 class RenameFaults : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -79,6 +144,10 @@ class RenameFaults : public ::testing::Test {
     writeFile(kRefresh, "#!/bin/sh\nexit 0\n", 0755);
   }
 };
+
+// A postmap call counter for stand-in scripts: $n is this call's number.
+const std::string kCountCalls =
+    "n=$(($(cat /run/calls 2>/dev/null || echo 0) + 1)); echo $n > /run/calls\n";
 
 TEST_F(RenameFaults, TextSourceNeverRebuildsAMapFromLessThanItsRecords) {
   // Full disk: the virtual map's text does not fit, the small ones do.
@@ -153,11 +222,13 @@ TEST_F(RenameFaults, ClosedStandardStreamsNeitherHangNorCatchDiagnostics) {
   expectPlaces(sampleAfter, "a.example", "b.example");
 }
 
-TEST_F(RenameFaults, ChildrenSeeNoDescriptorOfTheTool) {
+TEST_F(RenameFaults, ChildrenSeeNoDescriptorOrSignalSettingOfTheTool) {
   ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
                            "20", 2));
-  // Each postmap and refresh program lists its open descriptors.
-  const std::string record = "ls -l /proc/$$/fd >> /run/fds\n";
+  // Each postmap and refresh program lists its open descriptors, and a
+  // program it starts its blocked and ignored signals.
+  const std::string record =
+      "ls -l /proc/$$/fd >> /run/fds; grep -E '^Sig(Blk|Ign)' /proc/self/status >> /run/signals\n";
   PostmapStandIn postmap(record + "exec \"$REAL\" \"$@\"");
   writeFile(kRefresh, "#!/bin/sh\n" + record, 0755);
   const RunResult r = runTool({"a.example", "b.example"});
@@ -166,6 +237,61 @@ TEST_F(RenameFaults, ChildrenSeeNoDescriptorOfTheTool) {
   EXPECT_NE(std::string::npos, fds.find("handlers-tmpfs")) << fds;
   for (const char* leak : {"lock/files", "zanth/", "passwd.db", "utilities.sem"})
     EXPECT_EQ(std::string::npos, fds.find(leak)) << leak << " in\n" << fds;
+  std::string expected;
+  for (int i = 0; i < 8; ++i) expected += "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
+  EXPECT_EQ(expected, readFile("/run/signals"));  // six postmap runs, two refreshes
+}
+
+TEST_F(RenameFaults, TerminationSignalsWaitForTheStepThenFailIt) {
+  {
+    // SIGTERM while the virtual map is being dumped: that map is finished,
+    // then both rewritten maps are put back.
+    PostmapStandIn postmap(kCountCalls + "[ $n = 3 ] && { " + kWaitOnFifo + "; }\nexec \"$REAL\" \"$@\"");
+    const RunResult r = renameSignalledDuringStandIn(SIGTERM);
+    EXPECT_EQ(1, r.exitCode());
+    EXPECT_EQ(terminated("SIGTERM"), r.err);
+    EXPECT_EQ(terminated("SIGTERM"), r.out);
+    expectPlaces(sampleBefore, "a.example", "a.example");
+  }
+
+  // SIGHUP while the handler store is first refreshed, in the last step: it
+  // fails as a late failure does, the designed undo included.
+  ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
+                           "20", 2));
+  writeFile(kRefresh, "#!/bin/sh\n[ -e /run/refreshed ] && exit 0\ntouch /run/refreshed\n" +
+                          kWaitOnFifo + "\n", 0755);
+  const RunResult r = renameSignalledDuringStandIn(SIGHUP);
+  EXPECT_EQ(1, r.exitCode());
+  EXPECT_EQ(terminated("SIGHUP"), r.out);
+  expectPlaces(sampleAfter, "a.example", "b.example");
+}
+
+TEST_F(RenameFaults, SignalEndsAWaitForALockHeldElsewhere) {
+  // Another process holds the virtual_domains map's lock for as long as it
+  // likes; SIGINT must end the tool's wait, with nothing changed.
+  const std::string lockFile =
+      "/var/lock/files/" + shell("printf %s " + kSpool + "/virtual_domains | md5sum | cut -c1-32").out.substr(0, 32);
+  const int held = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  ASSERT_EQ(0, ::flock(held, LOCK_EX));
+  BackgroundTool tool({"a.example", "b.example"});
+  // The kernel lists the tool's blocked flock as a waiter in /proc/locks.
+  const std::string waiter = "-> FLOCK  ADVISORY  WRITE " + std::to_string(tool.pid()) + " ";
+  while (readFile("/proc/locks").find(waiter) == std::string::npos) {
+  }
+  ASSERT_EQ(0, ::kill(tool.pid(), SIGINT));
+  const RunResult r = tool.wait();
+  ::close(held);
+  EXPECT_EQ(1, r.exitCode());
+  EXPECT_EQ(terminated("SIGINT"), r.err);
+  expectPlaces(sampleBefore, "a.example", "a.example");
+}
+
+TEST_F(RenameFaults, ClosedOutputPipeIsNoSignalToDieOf) {
+  installPlugin("failing.so");
+  const RunResult r = BackgroundTool({"a.example", "b.example"}, "tool", true).wait();
+  EXPECT_EQ(1, r.exitCode());
+  EXPECT_EQ("plugin 'failing.so' failed with status '1'\n" + kServicesFailed, r.err);
+  expectPlaces(sampleAfter, "a.example", "b.example");
 }
 
 TEST_F(RenameFaults, ThrowingPluginFailsOnlyItselfAndExitingPluginEndsItsChild) {

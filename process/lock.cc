@@ -17,6 +17,7 @@
 #include "common/file_util.h"
 #include "common/orb_conf.h"
 #include "common/syscall.h"
+#include "process/termination.h"
 
 namespace {
 
@@ -51,6 +52,18 @@ bool move_above_standard(int& fd) {
   return moved >= 0;
 }
 
+// wait_for_flock - flock, retried on EINTR unless a termination signal
+// came in meanwhile: a lock wait has no bound, and the one signal an
+// admin has to stop a stuck tool must not be swallowed by it. Nothing has
+// been changed under the lock yet, so giving up here is a clean failure.
+int wait_for_flock(int fd, int operation) {
+  const unsigned arrivals = zanth::process::terminationArrivals();
+  for (;;) {
+    if (flock(fd, operation) == 0) return 0;
+    if (errno != EINTR || zanth::process::terminationArrivals() != arrivals) return -1;
+  }
+}
+
 LockHandle* lock_file(const char* name, int hashed, int operation) {
   char hashed_name[zanth::kPathMax];
   if (hashed && !hashed_path(name, hashed_name, sizeof hashed_name)) {
@@ -78,7 +91,7 @@ LockHandle* lock_file(const char* name, int hashed, int operation) {
     handle->fd = -1;
     return handle;
   }
-  if (zanth::retryEintr([&] { return flock(handle->fd, operation); }) != 0) {
+  if (wait_for_flock(handle->fd, operation) != 0) {
     int saved = errno;
     close(handle->fd);
     handle->fd = saved == EAGAIN ? 0 : -1;
@@ -199,7 +212,11 @@ void lock(LockHandle*& handle, const std::string& name, int kind, int mode) {
   } else if (handle == nullptr) {
     throw std::logic_error("lock(" + name + "): no handle to check");
   }
-  if (handle == nullptr || handle->fd < 0) throwSystemError("lock() failed", errno);
+  if (handle == nullptr || handle->fd < 0) {
+    // A wait ended by a termination signal fails as that signal.
+    if (errno == EINTR) process::checkTermination();
+    throwSystemError("lock() failed", errno);
+  }
   if (mode == kLockTry && handle->fd == 0)
     throw std::runtime_error("lock(" + name + ") failed: file is already locked");
 }

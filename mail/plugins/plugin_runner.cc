@@ -20,6 +20,7 @@
 #include "common/errors.h"
 #include "common/syscall.h"
 #include "mail/plugins/rename_plugin.h"
+#include "process/termination.h"
 
 namespace {
 
@@ -60,6 +61,7 @@ extern "C" void end_plugin_child(int status, void*) {
 // plugin_child - the body of the plugin's child; never returns into the
 // tool's code, whatever the module does. An exception is a failure.
 [[noreturn]] void plugin_child(const char* path, const char* old_domain, const char* new_domain) {
+  zanth::process::defaultTerminationSignals();
   ::on_exit(end_plugin_child, nullptr);
   int result = 1;
   try {
@@ -158,6 +160,9 @@ int run_rename_plugins(const char* old_domain, const char* new_domain) {
       return 1;
     }
     plugin_log(LOG_DEBUG, "plugin '%s' succeeded", path);
+    // A termination signal held during this plugin ends the run here;
+    // the caller reports the signal.
+    if (zanth::process::heldTerminationSignal() != 0) return 1;
   }
   return 0;
 }

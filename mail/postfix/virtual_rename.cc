@@ -10,6 +10,7 @@
 #include "mail/postfix/database/filters.h"
 #include "mail/postfix/database/map_update.h"
 #include "mail/postfix/mail_dirs.h"
+#include "process/termination.h"
 
 namespace zanth {
 namespace mail {
@@ -89,12 +90,17 @@ class MapUndoGuard {
 }  // namespace
 
 void renameDomain(const std::string& oldName, const std::string& newName) {
+  // After each map, once it is guarded, a termination signal held during
+  // its rewrite fails the step there (nothing happens while undoing).
   renameInVirtualDomains(oldName, newName);
   MapUndoGuard<renameInVirtualDomains> virtualDomainsGuard(oldName, newName);
+  process::checkTermination();
   renameInVirtual(oldName, newName);
   MapUndoGuard<renameInVirtual> virtualGuard(oldName, newName);
+  process::checkTermination();
   renameInVmailbox(oldName, newName);
   MapUndoGuard<renameInVmailbox> vmailboxGuard(oldName, newName);
+  process::checkTermination();
   renameDomainDirectory(getPopUser(), oldName, newName);
 }
 
