@@ -311,4 +311,86 @@ TEST_F(RenameFaults, ThrowingPluginFailsOnlyItselfAndExitingPluginEndsItsChild) 
   expectPlaces(sampleAfter, "b.example", "b.example");
 }
 
+TEST_F(RenameFaults, SameRenameAgainCompletesAfterACrashAnywhere) {
+  // A stand-in postmap SIGKILLs the tool at its k-th call, then either runs
+  // the real one (the call completes after the crash) or does not. Calls
+  // 1-6 (dump and rebuild of each map) are the forward map step; with a
+  // refusing plugin, 7-12 are the undo, 13-18 the map guards' rewrites
+  // inside it.
+  struct Crash {
+    int call;
+    bool callCompletes;
+  };
+  std::vector<Crash> crashes;
+  for (int k = 1; k <= 6; ++k) crashes.push_back({k, true});
+  for (int k : {2, 4, 6}) crashes.push_back({k, false});
+  for (int k : {8, 11, 14, 17}) crashes.push_back({k, true});
+  for (const Crash& crash : crashes) {
+    SCOPED_TRACE("killed at postmap call " + std::to_string(crash.call) +
+                 (crash.callCompletes ? ", which completes" : ", which never runs"));
+    makeSampleMailLayer();
+    ::unlink("/run/calls");
+    if (crash.call > 6) installPlugin("failing.so");
+    {
+      PostmapStandIn postmap(kCountCalls + "[ $n = " + std::to_string(crash.call) +
+                             " ] && { kill -KILL $PPID; " + (crash.callCompletes ? ": " : "exit 1") +
+                             "; }\nexec \"$REAL\" \"$@\"");
+      const RunResult killed = runTool({"a.example", "b.example"});
+      ASSERT_TRUE(WIFSIGNALED(killed.status));
+    }
+    ::unlink((kPluginDir + "failing.so").c_str());
+    const RunResult again = runTool({"a.example", "b.example"});
+    EXPECT_EQ(0, again.exitCode()) << again.err;
+    EXPECT_EQ("", again.err);
+    expectPlaces(sampleAfter, "b.example", "b.example");
+    expectNoLockHeld();
+  }
+}
+
+TEST_F(RenameFaults, RecoveryAfterALateFailureOrALateCrashIsTheSameRenameAgain) {
+  // Late failure: designed end state, then the cause fixed, then the rerun.
+  installPlugin("failing.so");
+  installPlugin("recording.so");
+  RunResult r = runTool({"a.example", "b.example"});
+  ASSERT_EQ(1, r.exitCode());
+  ::unlink((kPluginDir + "failing.so").c_str());
+  r = runTool({"a.example", "b.example"});
+  EXPECT_EQ(0, r.exitCode()) << r.err;
+  expectPlaces(sampleAfter, "b.example", "b.example");
+  EXPECT_NE(std::string::npos, readFile(MXKEEP_PLUGIN_RECORD).find("a.example b.example"));
+
+  // Crash in the last step, after the mail directory was renamed.
+  makeSampleMailLayer();
+  ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
+                           "20", 2));
+  writeFile(kRefresh, "#!/bin/sh\nkill -KILL $PPID\n", 0755);
+  r = runTool({"a.example", "b.example"});
+  ASSERT_TRUE(WIFSIGNALED(r.status));
+  writeFile(kRefresh, "#!/bin/sh\nexit 0\n", 0755);
+  r = runTool({"a.example", "b.example"});
+  EXPECT_EQ(0, r.exitCode()) << r.err;
+  EXPECT_EQ("", r.err);
+  expectPlaces(sampleAfter, "b.example", "b.example");
+}
+
+TEST_F(RenameFaults, ConcurrentRenamesOfTwoDomainsBothComplete) {
+  // Each round renames a.example and c.example at the same moment, the
+  // next one back; nothing of either may be lost from any map.
+  const Records original[] = {dumpMap(kVirtualDomainsMap), dumpMap(kVirtualMap),
+                              dumpMap(kVmailboxMap)};
+  const std::string names[][2] = {{"a.example", "b.example"}, {"c.example", "d.example"}};
+  for (int round = 0; round < 6; ++round) {
+    const int from = round % 2, to = 1 - from;
+    BackgroundTool first({names[0][from], names[0][to]}, "first");
+    BackgroundTool second({names[1][from], names[1][to]}, "second");
+    const RunResult r1 = first.wait(), r2 = second.wait();
+    ASSERT_EQ(0, r1.exitCode()) << "round " << round << ": " << r1.err;
+    ASSERT_EQ(0, r2.exitCode()) << "round " << round << ": " << r2.err;
+    EXPECT_EQ(names[0][to] + "/info/", queryMap(kVmailboxMap, "info@" + names[0][to]));
+    EXPECT_EQ("VIRTUAL", queryMap(kVirtualDomainsMap, names[1][to]));
+    EXPECT_TRUE(pathExists(kMailNames + names[1][to] + "/bob"));
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(original[i], dumpMap(kMaps[i])) << kMaps[i];
+}
+
 }  // namespace

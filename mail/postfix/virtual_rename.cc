@@ -4,6 +4,7 @@
 // see renameDomain in the header for the outcome during the command's undo.
 #include "mail/postfix/virtual_rename.h"
 
+#include <boost/filesystem/operations.hpp>
 #include <ostream>
 
 #include "common/errors.h"
@@ -34,6 +35,7 @@ void writeCriticalRestoreMessage(const char* object) {
 namespace {
 
 namespace db = database;
+namespace fs = boost::filesystem;
 
 // undoWhileUnwinding - runs undo only while an exception is in flight; a
 // failing undo must not replace that exception (nor end the process from
@@ -101,6 +103,10 @@ void renameDomain(const std::string& oldName, const std::string& newName) {
   renameInVmailbox(oldName, newName);
   MapUndoGuard<renameInVmailbox> vmailboxGuard(oldName, newName);
   process::checkTermination();
+  // A directory already under the new name while the old one is gone is
+  // the work of an earlier run that died after this point: the same rename
+  // run again must complete, not fail on its own earlier success.
+  if (!fs::exists(domainDirectory(oldName)) && fs::is_directory(domainDirectory(newName))) return;
   renameDomainDirectory(getPopUser(), oldName, newName);
 }
 
