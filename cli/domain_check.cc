@@ -14,6 +14,7 @@
 
 #include "cli/domain_rename.h"
 #include "common/errors.h"
+#include "common/file_util.h"
 #include "common/idn.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
@@ -513,6 +514,8 @@ bool checkArguments(int argc, char** argv, std::vector<std::string>* names) {
 }  // namespace
 
 int domainCheckMain(int argc, char** argv) {
+  // As the rename: no file the check opens may become a standard stream.
+  if (open_standard_descriptors() != 0) return kCheckUsage;
   std::vector<std::string> names;
   const bool json = checkArguments(argc, argv, &names);
   try {

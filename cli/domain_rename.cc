@@ -9,6 +9,7 @@
 #include <typeinfo>
 
 #include "common/errors.h"
+#include "common/file_util.h"
 #include "common/idn.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
@@ -16,6 +17,7 @@
 #include "mail/plugins/plugin_runner.h"
 #include "mail/postfix/errors.h"
 #include "mail/postfix/virtual_rename.h"
+#include "process/termination.h"
 
 namespace zanth {
 namespace cli {
@@ -67,29 +69,42 @@ void reportFatal(const std::exception& e) {
 void renameDomain(std::string& oldName, std::string& newName) {
   oldName = idn::toAscii(oldName);
   newName = idn::toAscii(newName);
+  process::checkTermination();
 
   // A failure here has been undone by the step itself.
   mail::postfix::renameDomain(oldName, newName);
   // From here on a failure runs the Postfix step backwards on the way out
   // (see PostfixRenameGuard for what that leaves behind).
   mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName);
+  // Each step ends by asking for a termination signal held meanwhile: the
+  // rename then fails there, as if that step had failed.
+  process::checkTermination();
 
   // Only the location matters here; the style is known.
   mail_auth_select_style(kMailStylePostfix);
-  if (mail_auth_rename_domain(oldName.c_str(), newName.c_str()) != 0)
+  const int authResult = mail_auth_rename_domain(oldName.c_str(), newName.c_str());
+  process::checkTermination();
+  if (authResult != 0)
     throw mail::postfix::PostfixAuthenticationDBError(
         "unable to update domain name in mail authentication database");
 
-  if (run_rename_plugins(oldName.c_str(), newName.c_str()) != 0)
-    throw mail::postfix::PostfixError("unable to rename some of services");
+  const int pluginResult = run_rename_plugins(oldName.c_str(), newName.c_str());
+  process::checkTermination();
+  if (pluginResult != 0) throw mail::postfix::PostfixError("unable to rename some of services");
 
-  if (handlers_act_on_target(oldName.c_str(), newName.c_str(), kHandlerRename) != 0)
-    throw mail::postfix::PostfixError("Unable to rename domain handlers");
+  const int handlerResult =
+      handlers_act_on_target(oldName.c_str(), newName.c_str(), kHandlerRename);
+  process::checkTermination();
+  if (handlerResult != 0) throw mail::postfix::PostfixError("Unable to rename domain handlers");
 }
 
 int domainRenameMain(int argc, char** argv) {
+  // Before anything is opened: no file may become standard input, output
+  // or error. Without them there is nowhere to report to either.
+  if (open_standard_descriptors() != 0) return kExitFailure;
   try {
     checkArguments(argc, argv);
+    process::holdTerminationSignals();
     std::string oldName = argv[1];
     std::string newName = argv[2];
     renameDomain(oldName, newName);

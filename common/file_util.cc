@@ -60,7 +60,7 @@ void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
 
 int create_empty(const char* path, int extra_flags, const char* message) {
   int fd = zanth::retryEintr(
-      [&] { return open(path, O_WRONLY | O_CREAT | extra_flags, kFileMode); });
+      [&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode); });
   if (fd < 0) {
     report_error(0, 0, message, path, std::strerror(errno));
     return -1;
@@ -155,7 +155,7 @@ int create_file(const char* path) {
 }
 
 int read_first_line(char* buffer, size_t size, const char* path) {
-  zanth::UniqueFile file(std::fopen(path, "r"));
+  zanth::UniqueFile file(std::fopen(path, "re"));
   if (file.get() == nullptr) {
     report_error(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
     return -1;
@@ -205,7 +205,7 @@ void remove_tree(const char* path, int remove_top) {
 
   // Everything else is taken for a directory and emptied from inside it,
   // so that deep trees never need long paths.
-  int saved_cwd = zanth::retryEintr([] { return open(".", O_RDONLY | O_NONBLOCK); });
+  int saved_cwd = zanth::retryEintr([] { return open(".", O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
   if (saved_cwd < 0) tree_failure("Unable to get file descriptor of current dir: %s\n");
   DIR* dir = opendir(path);
   if (dir == nullptr) tree_failure("Unable to open dir %s: %s\n", path);
@@ -237,6 +237,19 @@ int set_owner_by_name(const char* path, const char* user, mode_t mode) {
   if (zanth::retryEintr([&] { return fchmod(fd.get(), mode); }) != 0) {
     report_error(0, 0, "ERROR: unable to chmod %s: %s\n", path, std::strerror(errno));
     return -1;
+  }
+  return 0;
+}
+
+int open_standard_descriptors() {
+  for (int fd = 0; fd < 3; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    // The lowest free descriptor is the closed one.
+    int opened = zanth::retryEintr([] { return open("/dev/null", O_RDWR); });
+    if (opened != fd) {
+      if (opened >= 0) close(opened);
+      return -1;
+    }
   }
   return 0;
 }

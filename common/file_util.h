@@ -49,4 +49,10 @@ void remove_tree(const char* path, int remove_top);
 // "ERROR: unable to chmod %s: %s\n").
 int set_owner_by_name(const char* path, const char* user, mode_t mode);
 
+// open_standard_descriptors - reopen "/dev/null" on whichever of
+// descriptors 0, 1 and 2 is closed, so that no file the process opens later
+// gets one of them (a lock file on 0, a map text on 2 taking diagnostics).
+// Call first thing in main. 0, or -1 with errno when one cannot be opened.
+int open_standard_descriptors();
+
 #endif  // MXKEEP_COMMON_FILE_UTIL_H

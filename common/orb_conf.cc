@@ -168,7 +168,7 @@ conf_table* conf_new() {
 
 int conf_read(const char* path, conf_table* table) {
   if (make_room(table) != 0) return -1;
-  zanth::UniqueFile file(std::fopen(path, "rt"));
+  zanth::UniqueFile file(std::fopen(path, "re"));
   if (file.get() == nullptr) {
     int saved = errno;
     mail_log(kLogPriority, "unable to open configuration file %s: %s\n", path,

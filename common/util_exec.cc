@@ -223,13 +223,8 @@ int exec_capture_report(const char* path, char* const argv[], int quiet) {
   int result = fork_execv_getouterr(&out, &err, path, argv);
   if (result != 0 && quiet == 0) {
     if (out != nullptr) {
-      // The program's standard output is used as a format: utilities have
-      // always relied on their "%%" coming out as "%" here.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-      std::fprintf(stderr, out);
-#pragma GCC diagnostic pop
+      // Printed as text: a program's output is never a format.
+      std::fputs(out, stderr);
     }
     if (err != nullptr && *err != '\0')
       report_error(kReportOnly, 0, "%s execution failed:\n%s", path, err);
@@ -376,7 +371,7 @@ int exec_silent(const char* path, ...) {
 
 int popen_exec(const char* command, char** out) {
   *out = nullptr;
-  FILE* stream = ::popen(command, "r");
+  FILE* stream = ::popen(command, "re");
   if (stream == nullptr) {
     std::fputs("popen_exec: failed to execute command: fork or pipe calls failed, or cannon allocate "
                "memory\n",

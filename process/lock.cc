@@ -17,6 +17,7 @@
 #include "common/file_util.h"
 #include "common/orb_conf.h"
 #include "common/syscall.h"
+#include "process/termination.h"
 
 namespace {
 
@@ -47,6 +48,31 @@ const char* lock_file_path(const char* name, int hashed, char* buf, size_t size)
   return nullptr;
 }
 
+// move_above_standard - a lock never lives on descriptor 0, 1 or 2: 0
+// would read as "held elsewhere" and never be released, and a diagnostic
+// written to 1 or 2 would land in the lock file. false (fd closed, errno
+// set) when no other descriptor can be had.
+bool move_above_standard(int& fd) {
+  int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+  int saved = errno;
+  close(fd);
+  errno = saved;
+  fd = moved;
+  return moved >= 0;
+}
+
+// wait_for_flock - flock, retried on EINTR unless a termination signal
+// came in meanwhile: a lock wait has no bound, and the one signal an
+// admin has to stop a stuck tool must not be swallowed by it. Nothing has
+// been changed under the lock yet, so giving up here is a clean failure.
+int wait_for_flock(int fd, int operation) {
+  const unsigned arrivals = zanth::process::terminationArrivals();
+  for (;;) {
+    if (flock(fd, operation) == 0) return 0;
+    if (errno != EINTR || zanth::process::terminationArrivals() != arrivals) return -1;
+  }
+}
+
 LockHandle* lock_file(const char* name, int hashed, int operation) {
   char hashed_name[zanth::kPathMax];
   const char* path = lock_file_path(name, hashed, hashed_name, sizeof hashed_name);
@@ -59,15 +85,20 @@ LockHandle* lock_file(const char* name, int hashed, int operation) {
     return nullptr;
   }
 
-  handle->fd = zanth::retryEintr(
-      [&] { return open(handle->path, O_RDWR | O_CREAT | O_TRUNC, kLockFileMode); });
+  handle->fd = zanth::retryEintr([&] {
+    return open(handle->path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kLockFileMode);
+  });
   if (handle->fd < 0) {
     int saved = errno;
     report_error(0, 0, "Unable to open file \"%s\": %s.", handle->path, std::strerror(saved));
     errno = saved;
     return handle;
   }
-  if (zanth::retryEintr([&] { return flock(handle->fd, operation); }) != 0) {
+  if (handle->fd < 3 && !move_above_standard(handle->fd)) {
+    handle->fd = -1;
+    return handle;
+  }
+  if (wait_for_flock(handle->fd, operation) != 0) {
     int saved = errno;
     close(handle->fd);
     handle->fd = saved == EAGAIN ? 0 : -1;
@@ -144,7 +175,7 @@ void utilities_sem_init() {
     report_error(kExitFailure, 1, "semaphore file path under %s is too long", root);
   }
   auto open_sem = [&] {
-    return zanth::retryEintr([&] { return open(path, O_WRONLY | O_CREAT, kSemFileMode); });
+    return zanth::retryEintr([&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kSemFileMode); });
   };
   int fd = open_sem();
   if (fd < 0 && errno == ENOENT) {
@@ -198,7 +229,11 @@ void lock(LockHandle*& handle, const std::string& name, int kind, int mode) {
   } else if (handle == nullptr) {
     throw std::logic_error("lock(" + name + "): no handle to check");
   }
-  if (handle == nullptr || handle->fd < 0) throwSystemError("lock() failed", errno);
+  if (handle == nullptr || handle->fd < 0) {
+    // A wait ended by a termination signal fails as that signal.
+    if (errno == EINTR) process::checkTermination();
+    throwSystemError("lock() failed", errno);
+  }
   if (mode == kLockTry && handle->fd == 0)
     throw std::runtime_error("lock(" + name + ") failed: file is already locked");
 }

@@ -28,7 +28,10 @@ struct LockHandle {
 // lock_file_wait - lock the file for name, waiting until it is free. With
 // hashed set the file is kLockFilesDir/<lower-case hex MD5 of name>,
 // otherwise name is the path. A new handle for lock_file_release, or null
-// (errno ENOMEM) when none can be made. A failed open is reported.
+// (errno ENOMEM) when none can be made. A failed open is reported. A
+// termination signal arriving during the wait ends it: fd -1, errno EINTR
+// (see process/termination.h). Lock files are close-on-exec and never
+// descriptor 0, 1 or 2.
 LockHandle* lock_file_wait(const char* name, int hashed);
 
 // lock_file_try - as lock_file_wait, but gives fd 0 at once when held.
@@ -71,7 +74,9 @@ constexpr int kLockTry = 1;
 // previous handle there is not released) or, for any other mode, only check
 // the handle given. Throws ExSystemError / SystemError "lock() failed" when
 // the file cannot be locked, and std::runtime_error "lock(<name>) failed:
-// file is already locked" when kLockTry finds it held. A handle stored
+// file is already locked" when kLockTry finds it held, and
+// process::TerminationSignal when a termination signal ended the wait
+// (while no exception is in flight; during an undo, the EINTR error). A handle stored
 // before a throw holds no lock but must still be released.
 void lock(LockHandle*& handle, const std::string& name, int kind, int mode);
 

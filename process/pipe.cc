@@ -274,6 +274,35 @@ struct Launched {
   int status;
 };
 
+// Stops and reaps, when a run ends by an exception, every child that has
+// not exited yet: a failed step must not leave its program running on its
+// own (a postmap still writing a map whose lock is about to be released).
+// Killed outright: the run is over and nobody reads their output any more.
+class ChildReaper {
+ public:
+  explicit ChildReaper(std::vector<Launched>& launched) : launched_(launched) {}
+  ~ChildReaper() {
+    if (finished_) return;
+    const int saved = errno;
+    for (Launched& child : launched_) {
+      if (child.exited) continue;
+      ::kill(child.pid, SIGKILL);
+      // ECHILD: the catcher's handler has reaped it already.
+      retryEintr([&] { return ::waitpid(child.pid, &child.status, 0); });
+      child.exited = true;
+    }
+    errno = saved;
+  }
+  ChildReaper(const ChildReaper&) = delete;
+  ChildReaper& operator=(const ChildReaper&) = delete;
+
+  void finish() { finished_ = true; }
+
+ private:
+  std::vector<Launched>& launched_;
+  bool finished_ = false;
+};
+
 struct CapturedError {
   UniqueFd fd;
   const BlockConsumer* consumer;
@@ -473,6 +502,7 @@ int Pipe::run() {
   std::vector<Launched> launched;
   UniqueFd input, output;
   std::vector<CapturedError> errors;
+  ChildReaper reaper(launched);
 
   mask.block(SIGCHLD);
   catcher.install();
@@ -584,6 +614,7 @@ int Pipe::run() {
     }
   }
 
+  reaper.finish();
   catcher.uninstall(false);
   return launched.back().status;
 }

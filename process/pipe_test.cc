@@ -67,7 +67,8 @@ TEST(Pipe, FailuresLeaveNoCatcherHandlerOrDescriptorBehind) {
   const std::pair<std::string, std::function<void(ProcessSpec&)>> cases[] = {
       {"execv: " + noEntry, [](ProcessSpec& s) { s = ProcessSpec("/nonexistent/program"); }},
       {"cwd chdir: " + noEntry, [](ProcessSpec& s) { s.workingDirectory = "/nonexistent"; }},
-      {"stop", [](ProcessSpec& s) { s = sh("echo one; sleep 1; echo two"); }},
+      // The consumer gives up while the child still runs.
+      {"stop", [](ProcessSpec& s) { s = sh("echo $$; exec sleep 100"); }},
   };
   auto openDescriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
   const auto descriptors = openDescriptors();
@@ -76,8 +77,16 @@ TEST(Pipe, FailuresLeaveNoCatcherHandlerOrDescriptorBehind) {
     c.second(spec);
     Pipe pipe;
     pipe.addProcess(spec);
-    pipe.setOutput(kStreamPipe, [](const std::vector<char>&) { throw std::runtime_error("stop"); });
+    pid_t child = 0;
+    pipe.setOutput(kStreamPipe, [&child](const std::vector<char>& block) {
+      child = std::stoi(std::string(block.begin(), block.end()));
+      throw std::runtime_error("stop");
+    });
     EXPECT_EQ(c.first, thrownWhat<std::runtime_error>([&] { pipe.run(); }));
+    // Stopped and reaped before the failure goes on: not even a zombie.
+    if (child > 0) {
+      EXPECT_TRUE(::kill(child, 0) == -1 && errno == ESRCH) << c.first;
+    }
     EXPECT_EQ(nullptr, ProcessSetCatcher::installed()) << c.first;
     EXPECT_EQ(descriptors, openDescriptors()) << c.first;
     struct sigaction now {};

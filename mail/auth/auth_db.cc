@@ -148,7 +148,7 @@ int mail_auth_detect_style() {
     mail_log(3, "path to mxkeep is too long, check PRODUCT_ROOT_D (%s)", root);
     return -1;
   }
-  PipeReader pipe(popen(command, "r"));
+  PipeReader pipe(popen(command, "re"));
   if (pipe.get() == nullptr) {
     mail_log(3, "unable to execute %s: %s", command, std::strerror(errno));
     return -1;

@@ -20,6 +20,7 @@
 #include "common/errors.h"
 #include "common/syscall.h"
 #include "mail/plugins/rename_plugin.h"
+#include "process/termination.h"
 
 namespace {
 
@@ -46,6 +47,35 @@ void flush_all() {
   std::cout.flush();
   std::cerr.flush();
   std::fflush(nullptr);
+}
+
+// end_plugin_child - registered in the plugin's child before the module is
+// loaded, so that a plugin calling exit() ends the child here, after its
+// own exit handlers but before any of the tool's: those belong to the
+// parent, whose state the child only shares by copy.
+extern "C" void end_plugin_child(int status, void*) {
+  std::fflush(nullptr);
+  _exit(status);
+}
+
+// plugin_child - the body of the plugin's child; never returns into the
+// tool's code, whatever the module does. An exception is a failure.
+[[noreturn]] void plugin_child(const char* path, const char* old_domain, const char* new_domain) {
+  zanth::process::defaultTerminationSignals();
+  ::on_exit(end_plugin_child, nullptr);
+  int result = 1;
+  try {
+    result = call_plugin(path, old_domain, new_domain);
+  } catch (const std::exception& e) {
+    plugin_log(LOG_ERR, "plugin '%s' threw an exception: %s\n", path, e.what());
+  } catch (...) {
+    plugin_log(LOG_ERR, "plugin '%s' threw an exception\n", path);
+  }
+  // The module has been unloaded, its destructors have run; what it
+  // printed is flushed here. _exit rather than exit: the atexit handlers
+  // and static destructors are this process's, not the plugin's.
+  std::fflush(nullptr);
+  _exit(result);
 }
 
 }  // namespace
@@ -82,14 +112,7 @@ int run_plugin_in_child(const char* path, const char* old_domain, const char* ne
     plugin_log(LOG_ERR, "cannot fork: %s\n", std::strerror(errno));
     return 1;
   }
-  if (pid == 0) {
-    int result = call_plugin(path, old_domain, new_domain);
-    // The module has been unloaded, its destructors have run; what it
-    // printed is flushed here. _exit rather than exit: the atexit handlers
-    // and static destructors are this process's, not the plugin's.
-    std::fflush(nullptr);
-    _exit(result);
-  }
+  if (pid == 0) plugin_child(path, old_domain, new_domain);
 
   int status = 0;
   if (zanth::retryEintr([&] { return ::waitpid(pid, &status, 0); }) <= 0) {
@@ -159,6 +182,12 @@ int run_rename_plugins(const char* old_domain, const char* new_domain) {
           return false;
         }
         plugin_log(LOG_DEBUG, "plugin '%s' succeeded", path);
+        // A termination signal held during this plugin ends the run here;
+        // the caller reports the signal.
+        if (zanth::process::heldTerminationSignal() != 0) {
+          failed = 1;
+          return false;
+        }
         return true;
       },
       &bad);

@@ -3,7 +3,11 @@
 #include "mail/plugins/plugin_runner.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include <sstream>
 
@@ -61,4 +65,24 @@ TEST(PluginRunner, FailuresStopTheRunAndAreReported) {
   }
 }
 
+// An exit handler of the process that runs the plugins; a plugin's child
+// must never run it.
+pid_t g_runnerPid = 0;
+void markExitOfAnotherProcess() {
+  if (::getpid() != g_runnerPid) ::close(::open("/run/foreign-exit", O_WRONLY | O_CREAT, 0644));
+}
+
+TEST(PluginRunner, PluginCallingExitEndsOnlyItsOwnChild) {
+  const RunResult r = runWith("cp " + kModules + "exiting.so . && rm -f /run/foreign-exit");
+  EXPECT_EQ(0, r.exitCode());
+  EXPECT_EQ("the exiting plugin ran", r.out);  // its own output still flushed
+  EXPECT_FALSE(pathExists("/run/foreign-exit"));
+}
+
 }  // namespace
+
+// Registered before any test runs, like the exit handlers of a real tool.
+[[maybe_unused]] static const bool kExitHandlerRegistered = [] {
+  g_runnerPid = ::getpid();
+  return std::atexit(markExitOfAnotherProcess) == 0;
+}();

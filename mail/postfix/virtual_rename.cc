@@ -4,6 +4,7 @@
 // see renameDomain in the header for the outcome during the command's undo.
 #include "mail/postfix/virtual_rename.h"
 
+#include <boost/filesystem/operations.hpp>
 #include <ostream>
 
 #include "common/errors.h"
@@ -11,6 +12,7 @@
 #include "mail/postfix/database/filters.h"
 #include "mail/postfix/database/map_update.h"
 #include "mail/postfix/mail_dirs.h"
+#include "process/termination.h"
 
 namespace zanth {
 namespace mail {
@@ -32,6 +34,8 @@ void writeCriticalRestoreMessage(const char* object) {
 }
 
 namespace {
+
+namespace fs = boost::filesystem;
 
 // undoWhileUnwinding - runs undo only while an exception is in flight; a
 // failing undo must not replace that exception (nor end the process from
@@ -88,12 +92,21 @@ const char* virtualMapSpec(VirtualMap map) {
 }
 
 void renameDomain(const std::string& oldName, const std::string& newName) {
+  // After each map, once it is guarded, a termination signal held during
+  // its rewrite fails the step there (nothing happens while undoing).
   renameIn<VirtualMap::kVirtualDomains>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVirtualDomains>> virtualDomainsGuard(oldName, newName);
+  process::checkTermination();
   renameIn<VirtualMap::kVirtual>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVirtual>> virtualGuard(oldName, newName);
+  process::checkTermination();
   renameIn<VirtualMap::kVmailbox>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVmailbox>> vmailboxGuard(oldName, newName);
+  process::checkTermination();
+  // A directory already under the new name while the old one is gone is
+  // the work of an earlier run that died after this point: the same rename
+  // run again must complete, not fail on its own earlier success.
+  if (!fs::exists(domainDirectory(oldName)) && fs::is_directory(domainDirectory(newName))) return;
   renameDomainDirectory(getPopUser(), oldName, newName);
 }
 

@@ -3,6 +3,8 @@
 // exception text. Only a normal exit with status 0 counts as success.
 #include "mail/postfix/database/map_update.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,14 +12,99 @@
 #include <boost/ref.hpp>
 
 #include <cerrno>
+#include <cstring>
 
+#include "common/syscall.h"
 #include "mail/postfix/errors.h"
 #include "process/pipe.h"
 
 namespace zanth {
 
-AutocleanOFStream::AutocleanOFStream(const std::string& fileName, std::ios_base::openmode mode)
-    : std::ofstream(fileName.c_str(), mode), fileName_(fileName) {}
+namespace {
+
+constexpr mode_t kTextSourceMode = 0644;
+constexpr size_t kTextBlock = 64 * 1024;
+
+}  // namespace
+
+AutocleanOFStream::FileBuffer::FileBuffer() : space_(kTextBlock) {
+  setp(space_.data(), space_.data() + space_.size());
+}
+
+AutocleanOFStream::FileBuffer::~FileBuffer() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void AutocleanOFStream::FileBuffer::fail(const char* step, const std::string& cause) {
+  if (failure_.empty())
+    failure_ = std::string("cannot ") + step + " the text source " + path_ + ": " + cause;
+}
+
+// Opens path as Postfix's own programs open files root writes in shared
+// places: O_NOFOLLOW refuses a symbolic link at the path, O_NONBLOCK keeps
+// a fifo planted there from hanging the open, and the checks on the open
+// file refuse anything but a regular file with exactly one link, so that
+// truncating it can only ever destroy a stale text source of our own.
+void AutocleanOFStream::FileBuffer::open(const std::string& path) {
+  path_ = path;
+  int fd = zanth::retryEintr([&] {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                  kTextSourceMode);
+  });
+  if (fd < 0) return fail("create", std::strerror(errno));
+  UniqueFd owned(fd);
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return fail("create", std::strerror(errno));
+  if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
+    return fail("create", "not a regular file with one link");
+  if (zanth::retryEintr([&] { return ::ftruncate(fd, 0); }) != 0)
+    return fail("create", std::strerror(errno));
+  fd_ = owned.release();
+}
+
+bool AutocleanOFStream::FileBuffer::flushBuffer() {
+  const char* data = pbase();
+  size_t left = static_cast<size_t>(pptr() - pbase());
+  setp(space_.data(), space_.data() + space_.size());
+  if (!failure_.empty() || fd_ < 0) return false;
+  while (left > 0) {
+    ssize_t n = zanth::retryEintr([&] { return ::write(fd_, data, left); });
+    if (n < 0) {
+      fail("write", std::strerror(errno));
+      return false;
+    }
+    data += n;
+    left -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+AutocleanOFStream::FileBuffer::int_type AutocleanOFStream::FileBuffer::overflow(int_type c) {
+  if (!flushBuffer()) return traits_type::eof();
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  *pptr() = traits_type::to_char_type(c);
+  pbump(1);
+  return c;
+}
+
+int AutocleanOFStream::FileBuffer::sync() { return flushBuffer() ? 0 : -1; }
+
+void AutocleanOFStream::FileBuffer::close() {
+  if (fd_ < 0) return;
+  flushBuffer();
+  const int fd = fd_;
+  fd_ = -1;
+  // A close can report a write that failed late (NFS, quota); Linux has
+  // released the descriptor whatever it says.
+  if (::close(fd) != 0 && errno != EINTR) fail("close", std::strerror(errno));
+}
+
+AutocleanOFStream::AutocleanOFStream(const std::string& fileName)
+    : std::ostream(nullptr), fileName_(fileName) {
+  rdbuf(&buffer_);
+  buffer_.open(fileName);
+  if (!buffer_.failure().empty()) setstate(std::ios_base::badbit);
+}
 
 AutocleanOFStream::~AutocleanOFStream() {
   // The file may never have been created, or be gone already: a failed
@@ -25,7 +112,11 @@ AutocleanOFStream::~AutocleanOFStream() {
   const int saved = errno;
   ::unlink(fileName_.c_str());
   errno = saved;
-  close();
+}
+
+void AutocleanOFStream::close() {
+  buffer_.close();
+  if (!buffer_.failure().empty()) setstate(std::ios_base::badbit);
 }
 
 namespace mail {
@@ -87,16 +178,32 @@ void readMap(const std::string& spec, const boost::function<void(const std::stri
 }
 
 MapRewrite::MapRewrite(const std::string& spec)
-    : spec_(spec), lock_(mapPath(spec), kLockHashed, kLockWait), text_(mapPath(spec)) {}
+    : spec_(spec), lock_(mapPath(spec), kLockHashed, kLockWait), text_(mapPath(spec)) {
+  checkTextSource();
+}
 
 MapRewrite::~MapRewrite() = default;
 
-void MapRewrite::dump(const Consumer& consumer) { runPostmap("-s", spec_, &consumer); }
+void MapRewrite::checkTextSource() const {
+  if (!text_.failure().empty()) throw PostfixConfigurationError(text_.failure());
+}
+
+void MapRewrite::dump(const Consumer& consumer) {
+  // A text source that has lost a record is useless: stop the dump at once
+  // (the pipe stops postmap) rather than filter the rest into nowhere.
+  const Consumer checked = [this, &consumer](const std::vector<char>& block) {
+    consumer(block);
+    checkTextSource();
+  };
+  runPostmap("-s", spec_, &checked);
+  checkTextSource();
+}
 
 void MapRewrite::rebuild() {
-  // A failed close leaves the stream failed; postmap then reports what is
-  // wrong with the file, which says more than the close would.
+  // The map is rebuilt only from a text source written whole: a short one
+  // would silently drop the records that did not fit.
   text_.close();
+  checkTextSource();
   runPostmap(spec_, std::string(), nullptr);
 }
 

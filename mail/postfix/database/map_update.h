@@ -2,11 +2,13 @@
 // over its records into the map's text source, rebuilds the database with
 // postmap and always removes the text source again. Holds the map's lock
 // for the whole cycle. Failures of postmap throw PostfixConfigurationError
-// with its standard error text; pipe and lock errors pass through.
+// with its standard error text, failures of the text source one naming its
+// path and the system error; pipe and lock errors pass through.
 #ifndef MXKEEP_MAIL_POSTFIX_DATABASE_MAP_UPDATE_H
 #define MXKEEP_MAIL_POSTFIX_DATABASE_MAP_UPDATE_H
 
-#include <fstream>
+#include <ostream>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -18,21 +20,53 @@
 
 namespace zanth {
 
-// An output file stream that removes its file when destroyed, whatever the
-// outcome: the file exists only to be read by someone else meanwhile.
-// errno is the same after destruction as before.
-class AutocleanOFStream : public std::ofstream {
+// The text source of a map rewrite: an output stream on a file opened the
+// safe way (never through a symbolic link, only a regular file with one
+// link, close-on-exec, truncated), which remembers the first failure of
+// the open, a write, the flush or the close instead of losing data
+// silently, and removes its file when destroyed, whatever the outcome: the
+// file exists only to be read by postmap meanwhile. errno is the same after
+// destruction as before.
+class AutocleanOFStream : public std::ostream {
  public:
-  explicit AutocleanOFStream(const std::string& fileName,
-                             std::ios_base::openmode mode = std::ios_base::out | std::ios_base::trunc);
+  explicit AutocleanOFStream(const std::string& fileName);
   ~AutocleanOFStream() override;
   AutocleanOFStream(const AutocleanOFStream&) = delete;
   AutocleanOFStream& operator=(const AutocleanOFStream&) = delete;
 
   const std::string& fileName() const { return fileName_; }
 
+  // Writes out what is buffered and closes the file.
+  void close();
+  // The first failure, as "cannot <step> the text source <path>: <cause>";
+  // empty while everything went well.
+  const std::string& failure() const { return buffer_.failure(); }
+
  private:
+  class FileBuffer : public std::streambuf {
+   public:
+    FileBuffer();
+    ~FileBuffer() override;
+    void open(const std::string& path);
+    void close();
+    const std::string& failure() const { return failure_; }
+
+   protected:
+    int_type overflow(int_type c) override;
+    int sync() override;
+
+   private:
+    bool flushBuffer();
+    void fail(const char* step, const std::string& cause);
+
+    std::string path_;
+    int fd_ = -1;
+    std::vector<char> space_;
+    std::string failure_;
+  };
+
   const std::string fileName_;
+  FileBuffer buffer_;
 };
 
 namespace mail {
@@ -67,13 +101,18 @@ class MapRewrite {
   // The text source the filtered records go to.
   std::ostream& textSource() { return text_; }
 
-  // dump - runs "postmap -s spec", feeding its output to consumer.
+  // dump - runs "postmap -s spec", feeding its output to consumer. Throws
+  // PostfixConfigurationError as soon as the text source has failed.
   void dump(const Consumer& consumer);
 
-  // rebuild - closes the text source and runs "postmap spec" on it.
+  // rebuild - closes the text source and runs "postmap spec" on it, only
+  // when every byte of it was written.
   void rebuild();
 
  private:
+  // Throws PostfixConfigurationError when the text source has failed.
+  void checkTextSource() const;
+
   const std::string spec_;
   ScopedLock lock_;
   AutocleanOFStream text_;
