@@ -23,6 +23,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "common/descriptors.h"
 #include "common/errors.h"
 #include "common/syscall.h"
 #include "process/catcher.h"
@@ -32,7 +33,6 @@ namespace process {
 
 namespace {
 
-constexpr int kFallbackDescriptorLimit = 16;
 constexpr size_t kControlBlock = 1024;
 constexpr size_t kCodeRecordSize = 47;
 
@@ -41,18 +41,9 @@ const char kMessageTag[] = "EM: ";
 const char kCodeTag[] = "EC: ";
 constexpr size_t kTagLength = 4;
 
-// Closes a descriptor the parent is done with; Linux releases it even when
-// close fails with EINTR, so that one is not an error.
-void closeChecked(int& fd) {
-  if (fd < 0) return;
-  int rc = ::close(fd);
-  fd = -1;
-  if (rc != 0 && errno != EINTR) throw SystemError("close");
-}
-
 void closeChecked(UniqueFd& owned) {
   int fd = owned.release();
-  closeChecked(fd);
+  closeOrThrow(fd, "close");
 }
 
 UniqueFd take(int& fd) {
@@ -142,37 +133,9 @@ int prepareStream(int setting, bool childReads, const char* name, UniqueFd& owne
   }
 }
 
-void writeAll(int fd, const char* data, size_t length) {
-  while (length > 0) {
-    ssize_t n = retryEintr([&] { return ::write(fd, data, length); });
-    if (n <= 0) return;  // the parent is gone; nothing left to tell
-    data += n;
-    length -= static_cast<size_t>(n);
-  }
-}
-
+// A failed write means the parent is gone; there is nobody left to tell.
 void writeRecord(int fd, const char* tag, const char* text) {
-  writeAll(fd, tag, kTagLength);
-  writeAll(fd, text, std::strlen(text) + 1);
-}
-
-// Closes every descriptor from 3 below the soft descriptor limit but keep.
-void closeDescriptorsFrom3(int keep) {
-  struct rlimit limit {};
-  unsigned top = kFallbackDescriptorLimit;
-  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0)
-    top = limit.rlim_cur > INT_MAX ? INT_MAX : static_cast<unsigned>(limit.rlim_cur);
-  auto closeRange = [](unsigned first, unsigned end) {
-    if (first >= end) return;
-    if (::close_range(first, end - 1, 0) == 0) return;
-    for (unsigned fd = first; fd < end; ++fd) ::close(static_cast<int>(fd));
-  };
-  if (keep >= 3 && static_cast<unsigned>(keep) < top) {
-    closeRange(3, static_cast<unsigned>(keep));
-    closeRange(static_cast<unsigned>(keep) + 1, top);
-  } else {
-    closeRange(3, top);
-  }
+  if (writeFully(fd, tag, kTagLength) == 0) writeFully(fd, text, std::strlen(text) + 1);
 }
 
 struct ChildPlan {
@@ -217,7 +180,7 @@ struct ChildPlan {
     if (plan.workingDirectory != nullptr &&
         retryEintr([&] { return ::chdir(plan.workingDirectory); }) == -1)
       throw SystemError("cwd chdir");
-    if (plan.closeDescriptors) closeDescriptorsFrom3(control);
+    if (plan.closeDescriptors) closeFrom(3, control);
     if (plan.newSession && retryEintr([] { return static_cast<int>(::setsid()); }) == -1)
       throw SystemError("setsid");
     if (*plan.preExec) (*plan.preExec)();
@@ -403,7 +366,7 @@ void spawnProcess(SpawnState& state, const std::vector<std::string>& arguments,
   if (pid == 0) runChild(state, plan);
 
   state.pid = pid;
-  closeChecked(state.controlWrite);
+  closeOrThrow(state.controlWrite, "close");
   for (UniqueFd& fd : owned) closeChecked(fd);
 }
 
@@ -461,7 +424,7 @@ void reportChildError(int fd, const char* typeName, const char* message, int cod
   reportChildError(fd, typeName, message);
   char record[kCodeRecordSize];
   std::snprintf(record, sizeof record, "EC: %d", code);
-  writeAll(fd, record, std::strlen(record) + 1);
+  writeFully(fd, record, std::strlen(record) + 1);
 }
 
 size_t writeSome(int fd, const char* buffer, size_t length) {
@@ -550,10 +513,7 @@ int Pipe::run() {
   if (input.get() >= 0) {
     sigpipe.emplace();
     if (producer_) {
-      int flags = retryEintr([&] { return ::fcntl(input.get(), F_GETFL); });
-      if (flags == -1 ||
-          retryEintr([&] { return ::fcntl(input.get(), F_SETFL, flags | O_NONBLOCK); }) == -1)
-        throw SystemError("fcntl");
+      if (setNonBlocking(input.get()) != 0) throw SystemError("fcntl");
     }
   }
 

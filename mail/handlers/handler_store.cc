@@ -16,6 +16,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "common/descriptors.h"
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
@@ -108,14 +109,9 @@ bool appendLine(const char* path, const char* value) {
     done -= skip;
     chunk += skip;
     left -= skip;
-    while (left > 0) {
-      n = zanth::retryEintr([&] { return ::write(fd.get(), chunk, left); });
-      if (n < 0) return false;
-      chunk += n;
-      left -= static_cast<size_t>(n);
-    }
+    if (zanth::writeFully(fd.get(), chunk, left) != 0) return false;
   }
-  return ::close(fd.release()) == 0;
+  return zanth::closeDescriptor(fd.release()) == 0;
 }
 
 // Template part of name copied into buf for strcoll; names on disk are far

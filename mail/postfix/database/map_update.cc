@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/descriptors.h"
 #include "common/syscall.h"
 #include "mail/postfix/errors.h"
 #include "process/pipe.h"
@@ -67,14 +68,9 @@ bool AutocleanOFStream::FileBuffer::flushBuffer() {
   size_t left = static_cast<size_t>(pptr() - pbase());
   setp(space_.data(), space_.data() + space_.size());
   if (!failure_.empty() || fd_ < 0) return false;
-  while (left > 0) {
-    ssize_t n = zanth::retryEintr([&] { return ::write(fd_, data, left); });
-    if (n < 0) {
-      fail("write", std::strerror(errno));
-      return false;
-    }
-    data += n;
-    left -= static_cast<size_t>(n);
+  if (zanth::writeFully(fd_, data, left) != 0) {
+    fail("write", std::strerror(errno));
+    return false;
   }
   return true;
 }
@@ -94,9 +90,8 @@ void AutocleanOFStream::FileBuffer::close() {
   flushBuffer();
   const int fd = fd_;
   fd_ = -1;
-  // A close can report a write that failed late (NFS, quota); Linux has
-  // released the descriptor whatever it says.
-  if (::close(fd) != 0 && errno != EINTR) fail("close", std::strerror(errno));
+  // A close can report a write that failed late (NFS, quota).
+  if (zanth::closeDescriptor(fd) != 0) fail("close", std::strerror(errno));
 }
 
 AutocleanOFStream::AutocleanOFStream(const std::string& fileName)
