@@ -56,6 +56,11 @@ inline void closeOrThrow(int& fd, const char* message) {
   if (closeDescriptor(closing) != 0) throw SystemError(message);
 }
 
+inline void closeOrThrow(UniqueFd& owned, const char* message) {
+  int fd = owned.release();
+  closeOrThrow(fd, message);
+}
+
 // closeFrom - close every descriptor from `first` up, except `keep` when it
 // is one of them (pass -1 to keep none). For a child just before exec:
 // errors are ignored, as there is nobody to tell.
