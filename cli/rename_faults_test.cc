@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
 #include "testing/postfix_maps.h"

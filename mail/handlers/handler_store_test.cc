@@ -1,7 +1,7 @@
 // Handler names: splitting into priority and template, and ordering.
 #include "mail/handlers/handler_store.h"
 
-#include "mail/handlers/handler_test_fixture.h"
+#include "testing/handler_fixture.h"
 
 namespace {
 
