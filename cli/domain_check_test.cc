@@ -20,7 +20,7 @@
 namespace {
 
 using namespace testing_support;
-typedef std::vector<std::string> Lines;
+using Lines = std::vector<std::string>;
 
 const char* const kMaps[] = {kVirtualDomainsMap, kVirtualMap, kVmailboxMap};
 const char* const kMapPlaces[] = {"virtual_domains", "virtual", "vmailbox"};

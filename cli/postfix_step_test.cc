@@ -11,7 +11,7 @@
 namespace {
 
 using namespace testing_support;
-typedef std::vector<std::string> Records;
+using Records = std::vector<std::string>;
 
 struct Scenario {
   const char* setup;    // shell command run on the sample layer

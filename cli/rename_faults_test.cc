@@ -27,7 +27,7 @@ namespace {
 
 using namespace testing_support;
 namespace fs = boost::filesystem;
-typedef std::vector<std::string> Records;
+using Records = std::vector<std::string>;
 
 const char* const kMaps[] = {kVirtualDomainsMap, kVirtualMap, kVmailboxMap};
 const std::string kSpool = "/var/spool/postfix/zanth";

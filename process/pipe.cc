@@ -32,7 +32,7 @@ UniqueFd take(int& fd) {
 
 // Descriptor set for select() with room for 16384 descriptors; fd_set
 // itself stops at 1024 and its macros abort beyond that.
-class FdSet {
+class FdSet final {
  public:
   static constexpr int kMaxFd = 16384;
 
@@ -52,7 +52,7 @@ class FdSet {
 // Ignores SIGPIPE while the parent feeds a child, so that a reader that
 // quits early shows up as a "write" error instead of killing the process.
 // Children are forked before this is in force and keep the default.
-class SigpipeIgnore {
+class SigpipeIgnore final {
  public:
   SigpipeIgnore() {
     struct sigaction ignore {};
@@ -83,7 +83,7 @@ struct Launched {
 // not exited yet: a failed step must not leave its program running on its
 // own (a postmap still writing a map whose lock is about to be released).
 // Killed outright: the run is over and nobody reads their output any more.
-class ChildReaper {
+class ChildReaper final {
  public:
   explicit ChildReaper(std::vector<Launched>& launched) : launched_(launched) {}
   ~ChildReaper() {

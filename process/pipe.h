@@ -93,7 +93,7 @@ class PipeFlags : public CommonFlags {
 // Every process but the last writes into a new pipe to the next one; the
 // last one's output follows setOutput(). Output is streamed in blocks of
 // readBlockSize(), so memory use does not grow with the data.
-class Pipe : public PipeFlags {
+class Pipe final : public PipeFlags {
  public:
   Pipe();
   virtual ~Pipe();

@@ -60,7 +60,7 @@ std::string thrownWhat(F f) {
 }
 
 // A fresh directory under /tmp, removed with its contents on destruction.
-class TempDir {
+class TempDir final {
  public:
   TempDir();
   ~TempDir();

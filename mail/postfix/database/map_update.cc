@@ -131,7 +131,7 @@ bool exitedWithZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status
 // ends the list), its standard output to consumer when there is one. Throws
 // PostfixConfigurationError with what it wrote to standard error.
 void runPostmap(const std::string& firstArgument, const std::string& secondArgument,
-                const MapRewrite::Consumer* consumer) {
+                const process::BlockConsumer* consumer) {
   std::string errors;
   process::ProcessSpec child(kPostmapPath, firstArgument, secondArgument);
   child.stderrSetting = process::kStreamPipe;
@@ -145,7 +145,7 @@ void runPostmap(const std::string& firstArgument, const std::string& secondArgum
 }
 
 // Hands each line to a visitor and keeps none.
-class LineVisitor {
+class LineVisitor final {
  public:
   explicit LineVisitor(const boost::function<void(const std::string&)>& visit) : visit_(visit) {}
   bool operator()(const std::string& line) const {
@@ -167,7 +167,7 @@ std::string mapPath(const std::string& spec) {
 void readMap(const std::string& spec, const boost::function<void(const std::string&)>& visit) {
   std::ostream nowhere(nullptr);  // LineVisitor keeps no line
   DataStreamFilter<LineVisitor> lines(LineVisitor(visit), nowhere);
-  const MapRewrite::Consumer consumer = lines.consumer();
+  const process::BlockConsumer consumer = lines.consumer();
   runPostmap("-s", spec, &consumer);
   lines.finish();
 }
@@ -183,10 +183,10 @@ void MapRewrite::checkTextSource() const {
   if (!text_.failure().empty()) throw PostfixConfigurationError(text_.failure());
 }
 
-void MapRewrite::dump(const Consumer& consumer) {
+void MapRewrite::dump(const process::BlockConsumer& consumer) {
   // A text source that has lost a record is useless: stop the dump at once
   // (the pipe stops postmap) rather than filter the rest into nowhere.
-  const Consumer checked = [this, &consumer](const std::vector<char>& block) {
+  const process::BlockConsumer checked = [this, &consumer](const std::vector<char>& block) {
     consumer(block);
     checkTextSource();
   };
