@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian package that building, testing and the demo need.
+# Installs every Debian package that building, testing and the demo need;
+# with the argument "fuzz", also the compiler of the fuzz targets.
 # Idempotent and non-interactive; run as root on Debian 12.
 set -euo pipefail
 
@@ -14,6 +15,9 @@ packages=(
   postfix
   util-linux
 )
+if [ "${1:-}" = fuzz ]; then
+  packages+=(clang-16 libclang-rt-16-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
