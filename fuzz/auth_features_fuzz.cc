@@ -8,18 +8,11 @@
 #include "fuzz/fuzz_support.h"
 #include "mail/auth/auth_db.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::silenceDiagnostics();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;  // fmemopen refuses an empty buffer
-  std::string text(reinterpret_cast<const char*>(data), size);
-  FILE* features = fmemopen(&text[0], text.size(), "r");
-  if (features == nullptr) return 0;
-  const int style = mail_auth_read_features(features);
-  std::fclose(features);
+  const fuzz::MemoryFile features(data, size);
+  if (features.get() == nullptr) return 0;
+  const std::string& text = features.text();
+  const int style = mail_auth_read_features(features.get());
   FUZZ_REQUIRE(style == -1 || style == kMailStyleQmail || style == kMailStylePostfix, text);
   if (style != -1) {
     const std::string key = "$features['SMTP_Server']";

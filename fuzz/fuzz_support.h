@@ -1,52 +1,38 @@
-// Shared support of the fuzz targets: silences the library's diagnostics so
-// that a run is not slowed down by millions of expected messages, and checks
-// a property of the code under test, aborting (which the fuzzer records as a
-// crash, with its input) when it does not hold.
+// Shared support of the fuzz targets: the input as a FILE, and the check of
+// a property of the code under test, which aborts (the fuzzer records that
+// as a crash, with its input) when the property does not hold.
 #ifndef MXKEEP_FUZZ_FUZZ_SUPPORT_H
 #define MXKEEP_FUZZ_FUZZ_SUPPORT_H
 
-#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
-#include <streambuf>
 #include <string>
 
 #include <unistd.h>
 
-#include "common/mail_log.h"
-
 namespace fuzz {
 
-// Formats each message, so that a wrong argument for its format is still
-// read (and caught by the sanitizers), then drops it.
-inline void formatAndDrop(int, const char* format, ...) {
-  char text[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-}
-
-class NullBuffer : public std::streambuf {
- protected:
-  int overflow(int c) override { return c; }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
-
-// Routes mail_log, std::clog and stdio's stdout and stderr away. The
-// sanitizers and the fuzzer itself write to descriptor 2 directly, so their
-// reports still show.
-inline void silenceDiagnostics() {
-  static NullBuffer null;
-  mail_log = formatAndDrop;
-  std::clog.rdbuf(&null);
-  std::cerr.rdbuf(&null);
-  if (FILE* sink = std::fopen("/dev/null", "w")) {
-    stdout = sink;
-    stderr = sink;
+// An open FILE reading a copy of the input, for parsers that read a file
+// or a child's output; null for an empty input, which fmemopen refuses.
+class MemoryFile {
+ public:
+  MemoryFile(const uint8_t* data, size_t size)
+      : text_(reinterpret_cast<const char*>(data), size),
+        file_(size == 0 ? nullptr : fmemopen(&text_[0], text_.size(), "r")) {}
+  ~MemoryFile() {
+    if (file_ != nullptr) std::fclose(file_);
   }
-}
+  MemoryFile(const MemoryFile&) = delete;
+  MemoryFile& operator=(const MemoryFile&) = delete;
+
+  FILE* get() const { return file_; }
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
+  FILE* file_;
+};
 
 // Reports a property that does not hold and aborts.
 [[noreturn]] inline void fail(const char* property, const std::string& detail) {

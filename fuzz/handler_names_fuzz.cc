@@ -37,11 +37,6 @@ bool checkParts(const std::string& name) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::silenceDiagnostics();
-  return 0;
-}
-
 // The input is a list of names, one a line.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::string> names;

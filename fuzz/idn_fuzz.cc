@@ -25,11 +25,6 @@ struct Procedural {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::silenceDiagnostics();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string raw(reinterpret_cast<const char*>(data), size);
   const std::string name = raw.substr(0, raw.find('\0'));  // the C string the wrappers see

@@ -95,11 +95,6 @@ void checkKeptLine(const std::string& line, int kind) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::silenceDiagnostics();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider input(data, size);
   const int kind = input.ConsumeIntegralInRange(0, 2);

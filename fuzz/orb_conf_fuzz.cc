@@ -9,20 +9,13 @@
 #include "common/orb_conf.h"
 #include "fuzz/fuzz_support.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::silenceDiagnostics();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;  // fmemopen refuses an empty buffer
-  std::string text(reinterpret_cast<const char*>(data), size);
-  FILE* file = fmemopen(&text[0], text.size(), "r");
-  if (file == nullptr) return 0;
+  const fuzz::MemoryFile file(data, size);
+  if (file.get() == nullptr) return 0;
+  const std::string& text = file.text();
   conf_table* table = conf_new();
   FUZZ_REQUIRE(table != nullptr, "no table");
-  FUZZ_REQUIRE(conf_read_stream(file, table) == 0, text);
-  std::fclose(file);
+  FUZZ_REQUIRE(conf_read_stream(file.get(), table) == 0, text);
 
   FUZZ_REQUIRE(table->sorted == 1, text);
   for (unsigned i = 0; i < table->count; ++i) {
