@@ -176,11 +176,15 @@ int conf_read(const char* path, conf_table* table) {
     errno = saved;
     return -1;
   }
+  return conf_read_stream(file.get(), table);
+}
 
+int conf_read_stream(FILE* file, conf_table* table) {
+  if (make_room(table) != 0) return -1;
   char* line = nullptr;
   size_t size = 0;
   int result = 0;
-  while (getline(&line, &size, file.get()) != -1) {
+  while (getline(&line, &size, file) != -1) {
     if (parse_line(line, table) != 0) {
       result = -1;
       break;
@@ -192,7 +196,7 @@ int conf_read(const char* path, conf_table* table) {
   if (result != 0) return -1;
 
   conf_sort(table);
-  if (std::ferror(file.get())) {
+  if (std::ferror(file)) {
     mail_log(kLogPriority, "Unable to read configuration file: %s", std::strerror(saved));
     errno = saved;
     return -1;

@@ -6,6 +6,8 @@
 #ifndef MXKEEP_COMMON_ORB_CONF_H
 #define MXKEEP_COMMON_ORB_CONF_H
 
+#include <cstdio>
+
 #include "common/fixed_paths.h"
 
 // Indexes of the compile-time variables. The two ends are range sentinels.
@@ -68,6 +70,10 @@ conf_table* conf_new();
 // conf_read - add every definition of the file at path; 0 or -1 (errno
 // kept from the failing call). Malformed lines are logged and skipped.
 int conf_read(const char* path, conf_table* table);
+
+// conf_read_stream - as conf_read for a file already open for reading; the
+// caller keeps and closes it.
+int conf_read_stream(FILE* file, conf_table* table);
 
 // conf_add - insert a copy of name and value, or replace the value of an
 // existing name; 0 or -1 with errno ENOMEM.

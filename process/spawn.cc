@@ -233,7 +233,10 @@ void checkChildReport(SpawnState& state) {
     data.append(block, static_cast<size_t>(n));
   }
   closeQuietly(state.controlRead);
+  raiseChildReport(data);
+}
 
+void raiseChildReport(const std::string& data) {
   std::string type, message;
   int code = 0;
   size_t start = 0;

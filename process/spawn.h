@@ -58,6 +58,10 @@ void spawnProcess(SpawnState& state, const std::vector<std::string>& arguments,
 // std::exception, or std::bad_exception for an unknown kind).
 void checkChildReport(SpawnState& state);
 
+// The parsing half of checkChildReport: throws the failure that the
+// control-pipe bytes describe, or returns when they describe none.
+void raiseChildReport(const std::string& data);
+
 // Child side of the control pipe: an "ET: " record with the type name and an
 // "EM: " record with the message; the second form adds an "EC: " record.
 // Does nothing when fd is negative.

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian package that building, testing and the demo need.
+# Installs every Debian package that building, testing and the demo need;
+# with the argument "fuzz", also the compiler of the fuzz targets.
 # Idempotent and non-interactive; run as root on Debian 12.
 set -euo pipefail
 
@@ -17,6 +18,9 @@ packages=(
   scdoc man-db
   debhelper dpkg-dev lintian
 )
+if [ "${1:-}" = fuzz ]; then
+  packages+=(clang-16 libclang-rt-16-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -153,14 +153,18 @@ int mail_auth_detect_style() {
     mail_log(3, "unable to execute %s: %s", command, std::strerror(errno));
     return -1;
   }
+  return mail_auth_read_features(pipe.get());
+}
+
+int mail_auth_read_features(FILE* features) {
   char* raw = nullptr;
   size_t capacity = 0;
   int style = -1;
   for (;;) {
     ssize_t len = zanth::retryEintr([&] {
       errno = 0;
-      clearerr(pipe.get());
-      return getdelim(&raw, &capacity, '\n', pipe.get());
+      clearerr(features);
+      return getdelim(&raw, &capacity, '\n', features);
     });
     if (len < 0) break;
     if (len > 0 && raw[len - 1] == '\n') raw[len - 1] = '\0';

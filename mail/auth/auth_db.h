@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include <cstdio>
+
 // Mail server styles; -1 stands for "could not be determined".
 constexpr int kMailStyleQmail = 0;
 constexpr int kMailStylePostfix = 1;
@@ -26,6 +28,10 @@ void mail_auth_set_path(const char* path);
 // mail_auth_detect_style - ask the control panel's feature query which
 // mail server is installed: 0 qmail, 1 Postfix, -1 unknown or failure.
 int mail_auth_detect_style();
+
+// mail_auth_read_features - the style named by the feature query's output
+// read from features (left open): 0, 1, or -1 when no line names one.
+int mail_auth_read_features(FILE* features);
 
 // mail_auth_recreate - delete the file at mail_auth_db_path and create an
 // empty database with the schema, creating missing parent directories.

@@ -123,8 +123,12 @@ void templateOf(const NameParts& parts, char (&buf)[zanth::kPathMax]) {
 }
 
 int compareNames(const void* a, const void* b) {
-  const char* x = *static_cast<char* const*>(a);
-  const char* y = *static_cast<char* const*>(b);
+  return handler_compare(*static_cast<char* const*>(a), *static_cast<char* const*>(b));
+}
+
+}  // namespace
+
+int handler_compare(const char* x, const char* y) {
   NameParts px, py;
   if (splitName(x, &px) != Split::kOk || splitName(y, &py) != Split::kOk) {
     mail_log(kLogErr, "Unable to split handlers name. Skipping sorting handlers..");
@@ -141,8 +145,6 @@ int compareNames(const void* a, const void* b) {
   if (by_template != 0) return by_template;
   return std::strcoll(px.random, py.random);
 }
-
-}  // namespace
 
 unsigned handler_type_code(const char* type_name) {
   if (empty(type_name)) return kHandlerTypeUnknown;

@@ -64,6 +64,10 @@ char* handler_find(const char* tmpl, const char* type_name, const char* target, 
 // then random part. Names that cannot be split compare equal (logged).
 void handler_sort(char** names, size_t count);
 
+// handler_compare - the comparison handler_sort orders by: negative, 0 or
+// positive as x sorts before, with or after y.
+int handler_compare(const char* x, const char* y);
+
 namespace zanth {
 namespace handlers {
 
