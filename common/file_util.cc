@@ -22,7 +22,6 @@ namespace {
 constexpr mode_t kDirMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kPermissionBits = 0777;
-constexpr int kExitFailure = 1;
 
 // White space as the default POSIX locale has it, whatever locale is set.
 bool is_space(char c) {
@@ -52,39 +51,27 @@ void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
   }
   if (zanth::retryEintr([&] { return mkdir(path, mode); }) != 0) {
     if (errno == EEXIST) return;
-    report_error(kExitFailure, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
+    report_fatal("Cannot create directory %s: %s", path, std::strerror(errno));
   }
   if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0)
     report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
 }
 
 int create_empty(const char* path, int extra_flags, const char* message) {
-  int fd = zanth::retryEintr(
-      [&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode); });
-  if (fd < 0) {
+  // Nothing is written, so the owner's close cannot lose data.
+  const zanth::UniqueFd fd(zanth::retryEintr(
+      [&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode); }));
+  if (fd.get() < 0) {
     report_error(0, 0, message, path, std::strerror(errno));
     return -1;
   }
-  // Nothing was written, so a failing close cannot have lost data.
-  close(fd);
   return 0;
-}
-
-// tree_failure - report a failure of remove_tree, which ends the process.
-[[noreturn]] void tree_failure(const char* format, const char* what) {
-  report_error(kExitFailure, 1, format, what, std::strerror(errno));
-  std::abort();  // not reached: a non-zero status exits
-}
-
-[[noreturn]] void tree_failure(const char* format) {
-  report_error(kExitFailure, 1, format, std::strerror(errno));
-  std::abort();  // not reached: a non-zero status exits
 }
 
 // unlink_tolerant - unlink path; a vanished entry is fine, else it fails.
 void unlink_tolerant(const char* path, const char* format) {
   if (zanth::retryEintr([&] { return unlink(path); }) != 0 && errno != ENOENT)
-    tree_failure(format, path);
+    report_fatal(format, path, std::strerror(errno));
 }
 
 // empty_dir - remove every entry of the current directory, listed by dir.
@@ -94,7 +81,7 @@ void empty_dir(DIR* dir) {
     struct stat st;
     if (zanth::retryEintr([&] { return lstat(name, &st); }) != 0) {
       if (errno == ENOENT) continue;
-      tree_failure("Unable to check directory entry %s: %s\n", name);
+      report_fatal("Unable to check directory entry %s: %s\n", name, std::strerror(errno));
     }
     if (!S_ISDIR(st.st_mode)) {
       unlink_tolerant(name, "Unable to unlink directory entry %s: %s\n");
@@ -131,16 +118,15 @@ int make_dirs(const char* path) {
     *slash = '/';
   }
   if (ok) ok = ensure_dir(copy);
-  int saved = errno;
+  zanth::ErrnoSaver keep;
   std::free(copy);
-  errno = saved;
   return ok;
 }
 
 int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode) {
   char* copy = strdup(path);
   if (copy == nullptr)
-    report_error(kExitFailure, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
+    report_fatal("Cannot create directory %s: %s", path, std::strerror(errno));
   make_owned_level(copy, uid, gid, mode);
   std::free(copy);
   return 0;
@@ -196,7 +182,7 @@ void remove_tree(const char* path, int remove_top) {
   struct stat st;
   if (zanth::retryEintr([&] { return lstat(path, &st); }) != 0) {
     if (errno == ENOENT) return;
-    tree_failure("Unable to check directory entry %s: %s\n", path);
+    report_fatal("Unable to check directory entry %s: %s\n", path, std::strerror(errno));
   }
   if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
     unlink_tolerant(path, "Unable to unlink entry %s: %s\n");
@@ -206,19 +192,21 @@ void remove_tree(const char* path, int remove_top) {
   // Everything else is taken for a directory and emptied from inside it,
   // so that deep trees never need long paths.
   int saved_cwd = zanth::retryEintr([] { return open(".", O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
-  if (saved_cwd < 0) tree_failure("Unable to get file descriptor of current dir: %s\n");
+  if (saved_cwd < 0)
+    report_fatal("Unable to get file descriptor of current dir: %s\n", std::strerror(errno));
   DIR* dir = opendir(path);
-  if (dir == nullptr) tree_failure("Unable to open dir %s: %s\n", path);
+  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", path, std::strerror(errno));
   if (zanth::retryEintr([&] { return chdir(path); }) != 0)
-    tree_failure("Unable to change dir %s: %s\n", path);
+    report_fatal("Unable to change dir %s: %s\n", path, std::strerror(errno));
 
   empty_dir(dir);
 
   if (zanth::retryEintr([&] { return fchdir(saved_cwd); }) != 0 || close(saved_cwd) != 0)
-    tree_failure("Unable to restore & close current dir: %s\n");
-  if (closedir(dir) != 0) tree_failure("Unable to close dir %s: %s\n", path);
+    report_fatal("Unable to restore & close current dir: %s\n", std::strerror(errno));
+  if (closedir(dir) != 0)
+    report_fatal("Unable to close dir %s: %s\n", path, std::strerror(errno));
   if (remove_top && zanth::retryEintr([&] { return rmdir(path); }) != 0 && errno != ENOENT)
-    tree_failure("Unable to remove dir %s: %s\n", path);
+    report_fatal("Unable to remove dir %s: %s\n", path, std::strerror(errno));
 }
 
 int set_owner_by_name(const char* path, const char* user, mode_t mode) {

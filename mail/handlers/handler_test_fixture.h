@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/syscall.h"
 #include "mail/auth/auth_testing.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
@@ -18,7 +19,7 @@ const std::string kRefreshLog = "/run/handlers-refresh.log";
 
 // Takes ownership of a string the store returns; "<null>" for none.
 inline std::string str(char* owned) {
-  zanth::handlers::OwnedString holder(owned);
+  zanth::UniqueCString holder(owned);
   return holder ? holder.get() : "<null>";
 }
 
