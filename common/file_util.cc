@@ -76,32 +76,65 @@ int create_empty(const char* path, int extra_flags, const char* message) {
   std::abort();  // not reached: a non-zero status exits
 }
 
-[[noreturn]] void tree_failure(const char* format) {
-  report_error(kExitFailure, 1, format, std::strerror(errno));
-  std::abort();  // not reached: a non-zero status exits
+// unlink_tolerant - unlink name in the directory dir; a vanished entry is
+// fine, else it fails.
+void unlink_tolerant(int dir, const char* name, const char* format) {
+  if (zanth::retryEintr([&] { return unlinkat(dir, name, 0); }) != 0 && errno != ENOENT)
+    tree_failure(format, name);
 }
 
-// unlink_tolerant - unlink path; a vanished entry is fine, else it fails.
-void unlink_tolerant(const char* path, const char* format) {
-  if (zanth::retryEintr([&] { return unlink(path); }) != 0 && errno != ENOENT)
-    tree_failure(format, path);
-}
+void remove_subdir(int parent, const char* name);
 
-// empty_dir - remove every entry of the current directory, listed by dir.
+// empty_dir - remove every entry of the directory listed by dir. Entries
+// are named relative to it, so that deep trees never need long paths; the
+// type the listing gives spares a stat of each entry.
 void empty_dir(DIR* dir) {
+  const int fd = dirfd(dir);
   for (struct dirent* entry; (entry = readdir(dir)) != nullptr;) {
     const char* name = entry->d_name;
-    struct stat st;
-    if (zanth::retryEintr([&] { return lstat(name, &st); }) != 0) {
-      if (errno == ENOENT) continue;
-      tree_failure("Unable to check directory entry %s: %s\n", name);
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+    bool is_dir = entry->d_type == DT_DIR;
+    if (entry->d_type == DT_UNKNOWN) {
+      struct stat st;
+      if (zanth::retryEintr([&] { return fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW); }) != 0) {
+        if (errno == ENOENT) continue;
+        tree_failure("Unable to check directory entry %s: %s\n", name);
+      }
+      is_dir = S_ISDIR(st.st_mode);
     }
-    if (!S_ISDIR(st.st_mode)) {
-      unlink_tolerant(name, "Unable to unlink directory entry %s: %s\n");
-    } else if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) {
-      remove_tree(name, 1);
-    }
+    if (is_dir)
+      remove_subdir(fd, name);
+    else
+      unlink_tolerant(fd, name, "Unable to unlink directory entry %s: %s\n");
   }
+}
+
+// remove_subdir - remove the directory name in parent and all under it.
+void remove_subdir(int parent, const char* name) {
+  int fd = zanth::retryEintr([&] {
+    return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  });
+  if (fd < 0) {
+    if (errno == ENOENT) return;
+    // Replaced by a file or a link since it was listed: that goes too.
+    if (errno == ENOTDIR || errno == ELOOP) {
+      unlink_tolerant(parent, name, "Unable to unlink entry %s: %s\n");
+      return;
+    }
+    tree_failure("Unable to open dir %s: %s\n", name);
+  }
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+    tree_failure("Unable to open dir %s: %s\n", name);
+  }
+  empty_dir(dir);
+  if (closedir(dir) != 0) tree_failure("Unable to close dir %s: %s\n", name);
+  if (zanth::retryEintr([&] { return unlinkat(parent, name, AT_REMOVEDIR); }) != 0 &&
+      errno != ENOENT)
+    tree_failure("Unable to remove dir %s: %s\n", name);
 }
 
 // open_ownable - path opened for fchown and fchmod: not through a link,
@@ -199,23 +232,14 @@ void remove_tree(const char* path, int remove_top) {
     tree_failure("Unable to check directory entry %s: %s\n", path);
   }
   if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
-    unlink_tolerant(path, "Unable to unlink entry %s: %s\n");
+    unlink_tolerant(AT_FDCWD, path, "Unable to unlink entry %s: %s\n");
     return;
   }
 
-  // Everything else is taken for a directory and emptied from inside it,
-  // so that deep trees never need long paths.
-  int saved_cwd = zanth::retryEintr([] { return open(".", O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
-  if (saved_cwd < 0) tree_failure("Unable to get file descriptor of current dir: %s\n");
+  // Everything else is taken for a directory.
   DIR* dir = opendir(path);
   if (dir == nullptr) tree_failure("Unable to open dir %s: %s\n", path);
-  if (zanth::retryEintr([&] { return chdir(path); }) != 0)
-    tree_failure("Unable to change dir %s: %s\n", path);
-
   empty_dir(dir);
-
-  if (zanth::retryEintr([&] { return fchdir(saved_cwd); }) != 0 || close(saved_cwd) != 0)
-    tree_failure("Unable to restore & close current dir: %s\n");
   if (closedir(dir) != 0) tree_failure("Unable to close dir %s: %s\n", path);
   if (remove_top && zanth::retryEintr([&] { return rmdir(path); }) != 0 && errno != ENOENT)
     tree_failure("Unable to remove dir %s: %s\n", path);

@@ -37,8 +37,8 @@ int read_first_line(char* buffer, size_t size, const char* path);
 
 // remove_tree - remove path and everything under it, or, when remove_top is
 // 0, only what is under it. Symbolic links are removed, never followed; a
-// missing path is fine. Any failure ends the process. Changes the working
-// directory while it runs and restores it.
+// missing path is fine. Any failure ends the process. The working directory
+// is left alone: entries are removed relative to their open directory.
 void remove_tree(const char* path, int remove_top);
 
 // set_owner_by_name - give path to the account user (its uid and primary

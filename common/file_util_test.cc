@@ -2,6 +2,7 @@
 // owner and mode, and what the helpers read or leave behind.
 #include "common/file_util.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -102,10 +103,28 @@ TEST_F(FileUtil, RemoveTreeNeverFollowsLinks) {
   const auto cwd = std::filesystem::current_path();
   remove_tree(top.c_str(), 0);
   remove_tree((dir_ / "toplink").c_str(), 1);
-  EXPECT_EQ(cwd, std::filesystem::current_path());  // restored after the walk
+  EXPECT_EQ(cwd, std::filesystem::current_path());
   EXPECT_EQ("", shell("ls -A " + top).out);
   EXPECT_FALSE(pathExists(dir_ / "toplink"));
   EXPECT_EQ("x", readFile(outside + "/keep"));
+  remove_tree(top.c_str(), 1);
+  EXPECT_FALSE(pathExists(top));
+}
+
+TEST_F(FileUtil, RemoveTreeGoesDeeperThanAPathCanName) {
+  const std::string top = dir_ / "deep";
+  ASSERT_EQ(0, mkdir(top.c_str(), 0755));
+  const std::string level(200, 'd');
+  int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_LE(0, fd);
+  for (int i = 0; i < 30; ++i) {  // some 6,000 bytes of path below top
+    ASSERT_EQ(0, mkdirat(fd, level.c_str(), 0755));
+    ASSERT_EQ(0, mkfifoat(fd, "fifo", 0600));
+    int next = openat(fd, level.c_str(), O_RDONLY | O_DIRECTORY);
+    close(fd);
+    ASSERT_LE(0, fd = next);
+  }
+  close(fd);
   remove_tree(top.c_str(), 1);
   EXPECT_FALSE(pathExists(top));
 }
