@@ -41,6 +41,13 @@ int ensure_dir(const char* path) {
   return zanth::retryEintr([&] { return mkdir(path, kDirMode); }) == 0;
 }
 
+// own_new_dir - give a directory just made to uid:gid; a failure is
+// reported and passed over.
+void own_new_dir(const char* path, uid_t uid, gid_t gid) {
+  if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0)
+    report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
+}
+
 // make_owned_level - the recursion of make_dirs_owned over a private copy
 // of the path, cut short in place at each level.
 void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
@@ -54,8 +61,7 @@ void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
     if (errno == EEXIST) return;
     report_error(kExitFailure, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
   }
-  if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0)
-    report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
+  own_new_dir(path, uid, gid);
 }
 
 int create_empty(const char* path, int extra_flags, const char* message) {
@@ -171,6 +177,14 @@ int make_dirs(const char* path) {
 }
 
 int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  // The parents are usually there already: one mkdir then settles it. Any
+  // other outcome takes the walk from the top, which reports the first
+  // level that cannot be made.
+  if (zanth::retryEintr([&] { return mkdir(path, mode); }) == 0) {
+    own_new_dir(path, uid, gid);
+    return 0;
+  }
+  if (errno == EEXIST) return 0;
   char* copy = strdup(path);
   if (copy == nullptr)
     report_error(kExitFailure, 1, "Cannot create directory %s: %s", path, std::strerror(errno));

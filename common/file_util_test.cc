@@ -55,12 +55,17 @@ TEST_F(FileUtil, MakeDirsOwnedLeavesExistingDirectoriesAlone) {
   ASSERT_EQ(0, mkdir((dir_ / "keep").c_str(), 0700));
   EXPECT_EQ(0, make_dirs_owned((dir_ / "keep/n1/n2").c_str(), pop->pw_uid, pop->pw_gid, 01750));
   EXPECT_EQ(0, make_dirs_owned((dir_ / "keep").c_str(), pop->pw_uid, pop->pw_gid, 01750));
+  // Only the last level missing.
+  EXPECT_EQ(0, make_dirs_owned((dir_ / "keep/n1/n3").c_str(), pop->pw_uid, pop->pw_gid, 01750));
   struct stat keep = info(dir_ / "keep"), n1 = info(dir_ / "keep/n1"), n2 = info(dir_ / "keep/n1/n2");
   EXPECT_EQ(0u, keep.st_uid);
   EXPECT_EQ(0700u, keep.st_mode & 07777);
   EXPECT_EQ(0750u, n1.st_mode & 07777);
   EXPECT_EQ(pop->pw_uid, n2.st_uid);
   EXPECT_EQ(01750u, n2.st_mode & 07777);
+  struct stat n3 = info(dir_ / "keep/n1/n3");
+  EXPECT_EQ(pop->pw_gid, n3.st_gid);
+  EXPECT_EQ(01750u, n3.st_mode & 07777);
 }
 
 struct LineCase {
