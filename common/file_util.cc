@@ -23,6 +23,8 @@ constexpr mode_t kDirMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kPermissionBits = 0777;
 constexpr int kExitFailure = 1;
+// Read size of read_first_line, doubled while the first line goes on.
+constexpr size_t kLineChunk = 512;
 
 // White space as the default POSIX locale has it, whatever locale is set.
 bool is_space(char c) {
@@ -202,25 +204,52 @@ int create_file(const char* path) {
 }
 
 int read_first_line(char* buffer, size_t size, const char* path) {
-  zanth::UniqueFile file(std::fopen(path, "re"));
-  if (file.get() == nullptr) {
+  zanth::UniqueFd fd(zanth::retryEintr([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
+  if (fd.get() < 0) {
     report_error(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
     return -1;
   }
-  char* line = nullptr;
-  size_t capacity = 0;
-  errno = 0;
-  ssize_t length = getdelim(&line, &capacity, '\n', file.get());
-  if (length < 0) {
-    std::free(line);
-    if (std::feof(file.get())) {
-      std::memset(buffer, 0, size);
-      return 0;
+  // The whole first line is read, however long: the white space around it
+  // may be what does not fit. Most lines fit the first chunk.
+  char chunk[kLineChunk];
+  char* line = chunk;
+  size_t capacity = sizeof chunk, length = 0;
+  auto release = [&] {
+    if (line != chunk) std::free(line);
+  };
+  for (;;) {
+    if (length == capacity) {
+      char* grown = static_cast<char*>(std::malloc(2 * capacity));
+      if (grown == nullptr) {
+        release();
+        report_error(0, 0, "Unable to read line from file: %s\n", path);
+        return -1;
+      }
+      std::memcpy(grown, line, length);
+      release();
+      line = grown;
+      capacity *= 2;
     }
-    report_error(0, 0, "Unable to read line from file: %s\n", path);
-    return -1;
+    ssize_t n = zanth::retryEintr([&] { return read(fd.get(), line + length, capacity - length); });
+    if (n < 0) {
+      release();
+      report_error(0, 0, "Unable to read line from file: %s\n", path);
+      return -1;
+    }
+    if (n == 0) break;
+    const size_t got = static_cast<size_t>(n);
+    const char* newline = static_cast<const char*>(std::memchr(line + length, '\n', got));
+    length += got;
+    if (newline != nullptr) {
+      length = static_cast<size_t>(newline - line) + 1;
+      break;
+    }
   }
-  file.reset();
+  fd.reset();
+  if (length == 0) {
+    std::memset(buffer, 0, size);
+    return 0;
+  }
 
   char* start = line;
   char* end = line + length;
@@ -228,14 +257,14 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   while (start < end && is_space(*start)) ++start;
   size_t trimmed = static_cast<size_t>(end - start);
   if (trimmed >= size) {
-    std::free(line);
+    release();
     errno = 0;  // a short buffer is no system error
     report_error(0, 0, "The buffer too short\n");
     return -1;
   }
   std::memcpy(buffer, start, trimmed);
   buffer[trimmed] = '\0';
-  std::free(line);
+  release();
   return 0;
 }
 
