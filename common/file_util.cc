@@ -25,6 +25,7 @@ constexpr mode_t kPermissionBits = 0777;
 constexpr int kExitFailure = 1;
 // Read size of read_first_line, doubled while the first line goes on.
 constexpr size_t kLineChunk = 512;
+constexpr const char* kTruncateMessage = "Unable to truncate or create file %s: %s";
 
 // White space as the default POSIX locale has it, whatever locale is set.
 bool is_space(char c) {
@@ -66,13 +67,18 @@ void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
   own_new_dir(path, uid, gid);
 }
 
-int create_empty(const char* path, int extra_flags, const char* message) {
+// open_empty - path opened for writing as an empty or kept file (mode 0644
+// when new); its descriptor, or -1 reported with message.
+int open_empty(const char* path, int extra_flags, const char* message) {
   int fd = zanth::retryEintr(
       [&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode); });
-  if (fd < 0) {
-    report_error(0, 0, message, path, std::strerror(errno));
-    return -1;
-  }
+  if (fd < 0) report_error(0, 0, message, path, std::strerror(errno));
+  return fd;
+}
+
+int create_empty(const char* path, int extra_flags, const char* message) {
+  int fd = open_empty(path, extra_flags, message);
+  if (fd < 0) return -1;
   // Nothing was written, so a failing close cannot have lost data.
   close(fd);
   return 0;
@@ -196,8 +202,10 @@ int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode) {
 }
 
 int create_truncate_file(const char* path) {
-  return create_empty(path, O_TRUNC, "Unable to truncate or create file %s: %s");
+  return create_empty(path, O_TRUNC, kTruncateMessage);
 }
+
+int open_truncate_file(const char* path) { return open_empty(path, O_TRUNC, kTruncateMessage); }
 
 int create_file(const char* path) {
   return create_empty(path, 0, "Unable to create file %s: %s");

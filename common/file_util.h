@@ -26,6 +26,10 @@ int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode);
 // 0 or -1 (reported).
 int create_truncate_file(const char* path);
 
+// open_truncate_file - as create_truncate_file, but the file is left open
+// for writing: its descriptor (the caller closes it), or -1 (reported).
+int open_truncate_file(const char* path);
+
 // create_file - make sure path exists as a file, keeping its content;
 // 0 or -1 (reported).
 int create_file(const char* path);

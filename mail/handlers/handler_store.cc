@@ -90,15 +90,12 @@ bool readValue(const char* path, char (&value)[kHandlerParamMax]) {
   return read_first_line(value, sizeof value, path) == 0;
 }
 
-// Appends "value\n" to an existing file, in one write where it can: a
+// Writes "value\n" to the open file fd, in one write where it can: a
 // store rename writes four such files per handler.
-bool appendLine(const char* path, const char* value) {
-  zanth::UniqueFd fd(
-      zanth::retryEintr([&] { return ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC); }));
-  if (fd.get() < 0) return false;
+bool writeLine(int fd, const char* value) {
   const size_t len = std::strlen(value);
   iovec parts[] = {{const_cast<char*>(value), len}, {const_cast<char*>("\n"), 1}};
-  ssize_t n = zanth::retryEintr([&] { return ::writev(fd.get(), parts, 2); });
+  ssize_t n = zanth::retryEintr([&] { return ::writev(fd, parts, 2); });
   if (n < 0) return false;
   // A short write leaves the rest of value and the newline to go.
   size_t done = static_cast<size_t>(n);
@@ -109,13 +106,13 @@ bool appendLine(const char* path, const char* value) {
     chunk += skip;
     left -= skip;
     while (left > 0) {
-      n = zanth::retryEintr([&] { return ::write(fd.get(), chunk, left); });
+      n = zanth::retryEintr([&] { return ::write(fd, chunk, left); });
       if (n < 0) return false;
       chunk += n;
       left -= static_cast<size_t>(n);
     }
   }
-  return ::close(fd.release()) == 0;
+  return true;
 }
 
 // Template part of name copied into buf for strcoll; names on disk are far
@@ -221,16 +218,25 @@ int handler_store_param(const char* dir, const char* file, const char* value) {
     mail_log(kLogErr, "Unable to create file '%s/%s'", shown(dir), shown(file));
     return -1;
   }
-  if (create_truncate_file(path) != 0) {
+  // One open for truncating, writing and setting the mode.
+  zanth::UniqueFd fd(open_truncate_file(path));
+  if (fd.get() < 0) {
     mail_log(kLogErr, "Unable to create file '%s'", path);
     return -1;
   }
-  if (!appendLine(path, value)) {
+  if (!writeLine(fd.get(), value)) {
     mail_log(kLogErr, "Unable to add string '%s' to '%s'", value, path);
     return -1;
   }
   // The file may have existed with other permissions; readers need 0644.
-  if (::chmod(path, kParamMode) != 0) {
+  const bool moded = ::fchmod(fd.get(), kParamMode) == 0;
+  const int mode_errno = errno;
+  if (::close(fd.release()) != 0) {
+    mail_log(kLogErr, "Unable to add string '%s' to '%s'", value, path);
+    return -1;
+  }
+  if (!moded) {
+    errno = mode_errno;
     mail_log(kLogErr, "Unable to create file '%s'", path);
     return -1;
   }

@@ -1,5 +1,8 @@
-// Handler names: splitting into priority and template, and ordering.
+// Handler names: splitting into priority and template, and ordering; the
+// parameter files of a description on the real store.
 #include "mail/handlers/handler_store.h"
+
+#include <sys/stat.h>
 
 #include "mail/handlers/handler_test_fixture.h"
 
@@ -30,6 +33,23 @@ TEST_F(HandlerStore, NamesSplitIntoPriorityAndTemplateAndSortNumerically) {
   handler_sort(names.data(), names.size());
   EXPECT_EQ((Strings{"9-virus-Qw12er", "10-av-Zz9999", "10-spam-Aa0000", "10-spam-Ab3xYz",
                      "100-a-Zz0000"}), Strings(names.begin(), names.end()));
+}
+
+TEST_F(HandlerStore, ParameterFileIsRewrittenAsOneLineReadersCanRead) {
+  const std::string dir = kInfo + "10-spam-Ab3xYz";
+  ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+  testing_support::writeFile(dir + "/hook", "a much longer old value\nsecond line\n", 0600);
+  const mode_t saved = umask(077);
+  EXPECT_EQ(0, handler_store_param(dir.c_str(), "hook", "smtp"));
+  EXPECT_EQ(0, handler_store_param(dir.c_str(), "context", "ctx"));
+  umask(saved);
+  EXPECT_EQ("smtp\nctx\n", params("10-spam-Ab3xYz", {"hook", "context"}));
+  for (const char* file : {"/hook", "/context"}) {
+    struct stat st;
+    ASSERT_EQ(0, stat((dir + file).c_str(), &st));
+    EXPECT_EQ(0644u, st.st_mode & 07777) << file;
+  }
+  EXPECT_EQ(Strings(), captured_log);
 }
 
 }  // namespace
