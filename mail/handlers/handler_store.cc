@@ -204,7 +204,13 @@ char* handler_executable(const char* name) {
     mail_log(kLogErr, "Insufficient memory");
     return nullptr;
   }
-  if (::realpath(link, resolved.get()) == nullptr) {
+  // The link names its program by absolute path: resolving that alone
+  // spares a walk of the store's own directories, and comes to the same.
+  char target[zanth::kPathMax];
+  const ssize_t n = ::readlink(link, target, sizeof target);
+  const bool absolute = n > 0 && static_cast<size_t>(n) < sizeof target && target[0] == '/';
+  if (absolute) target[n] = '\0';
+  if (::realpath(absolute ? target : link, resolved.get()) == nullptr) {
     mail_log(kLogErr, "Unable to get executable file name for handler\n");
     return nullptr;
   }

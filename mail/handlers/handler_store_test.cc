@@ -1,8 +1,9 @@
 // Handler names: splitting into priority and template, and ordering; the
-// parameter files of a description on the real store.
+// parameter files and program link of a description on the real store.
 #include "mail/handlers/handler_store.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "mail/handlers/handler_test_fixture.h"
 
@@ -50,6 +51,30 @@ TEST_F(HandlerStore, ParameterFileIsRewrittenAsOneLineReadersCanRead) {
     EXPECT_EQ(0644u, st.st_mode & 07777) << file;
   }
   EXPECT_EQ(Strings(), captured_log);
+}
+
+TEST_F(HandlerStore, ExecutableIsTheProgramTheLinkLeadsTo) {
+  // Relative links lead from the description, absolute ones through any
+  // linked directory on the way.
+  testing_support::writeFile("/opt/orb/handlers/prog", "#!/bin/sh\n", 0755);
+  ASSERT_EQ(0, symlink("/usr/bin", "/opt/orb/handlers/bin"));
+  const struct { const char *link, *resolved; } cases[] = {
+      {"../../prog", "/opt/orb/handlers/prog"},
+      {"/opt/orb/handlers/bin/true", "/usr/bin/true"},
+      {"/opt/orb/handlers/missing", "<null>"},
+  };
+  for (const auto& c : cases) {
+    const std::string dir = kInfo + "10-spam-Ab3xYz";
+    ASSERT_EQ(0, testing_support::shell("rm -rf " + dir + " && mkdir " + dir).exitCode());
+    ASSERT_EQ(0, symlink(c.link, (dir + "/executable").c_str()));
+    captured_log.clear();
+    EXPECT_EQ(c.resolved, str(handler_executable("10-spam-Ab3xYz"))) << c.link;
+    EXPECT_EQ(c.resolved[0] == '<'
+                  ? Strings{"3:Unable to get executable file name for handler\n"}
+                  : Strings(),
+              captured_log)
+        << c.link;
+  }
 }
 
 }  // namespace
