@@ -121,12 +121,13 @@ int switchOn(const Location& loc) {
 }
 
 int switchOff(const Location& loc) {
-  if (exists(loc.entry) && ::unlink(loc.entry) != 0) {
-    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook,
-             loc.queue, std::strerror(errno));
-    return -1;
-  }
-  return 0;
+  if (::unlink(loc.entry) == 0 || errno == ENOENT) return 0;
+  // Whatever else keeps the entry from being looked up means it is off.
+  const int unlink_errno = errno;
+  if (!exists(loc.entry)) return 0;
+  mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook, loc.queue,
+           std::strerror(unlink_errno));
+  return -1;
 }
 
 // Switches the handler off and deletes its description directory.
