@@ -67,17 +67,20 @@ void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
   own_new_dir(path, uid, gid);
 }
 
-// open_empty - path opened for writing as an empty or kept file (mode 0644
-// when new); its descriptor, or -1 reported with message.
-int open_empty(const char* path, int extra_flags, const char* message) {
-  int fd = zanth::retryEintr(
-      [&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode); });
+// open_empty - name, relative to dir, opened for writing as an empty or
+// kept file (mode 0644 when new); its descriptor, or -1 reported with
+// message naming it path.
+int open_empty(int dir, const char* name, const char* path, int extra_flags,
+               const char* message) {
+  int fd = zanth::retryEintr([&] {
+    return openat(dir, name, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode);
+  });
   if (fd < 0) report_error(0, 0, message, path, std::strerror(errno));
   return fd;
 }
 
 int create_empty(const char* path, int extra_flags, const char* message) {
-  int fd = open_empty(path, extra_flags, message);
+  int fd = open_empty(AT_FDCWD, path, path, extra_flags, message);
   if (fd < 0) return -1;
   // Nothing was written, so a failing close cannot have lost data.
   close(fd);
@@ -205,7 +208,9 @@ int create_truncate_file(const char* path) {
   return create_empty(path, O_TRUNC, kTruncateMessage);
 }
 
-int open_truncate_file(const char* path) { return open_empty(path, O_TRUNC, kTruncateMessage); }
+int open_truncate_file_at(int dir, const char* name, const char* path) {
+  return open_empty(dir, name, path, O_TRUNC, kTruncateMessage);
+}
 
 int create_file(const char* path) {
   return create_empty(path, 0, "Unable to create file %s: %s");

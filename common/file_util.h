@@ -26,9 +26,11 @@ int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode);
 // 0 or -1 (reported).
 int create_truncate_file(const char* path);
 
-// open_truncate_file - as create_truncate_file, but the file is left open
-// for writing: its descriptor (the caller closes it), or -1 (reported).
-int open_truncate_file(const char* path);
+// open_truncate_file_at - as create_truncate_file for name relative to the
+// directory open as dir (AT_FDCWD: the working directory), but the file is
+// left open for writing: its descriptor (the caller closes it), or -1
+// (reported, naming the file path).
+int open_truncate_file_at(int dir, const char* name, const char* path);
 
 // create_file - make sure path exists as a file, keeping its content;
 // 0 or -1 (reported).

@@ -218,6 +218,10 @@ char* handler_executable(const char* name) {
 }
 
 int handler_store_param(const char* dir, const char* file, const char* value) {
+  return handler_store_param_at(AT_FDCWD, dir, file, value);
+}
+
+int handler_store_param_at(int dir_fd, const char* dir, const char* file, const char* value) {
   if (empty(value)) return 0;
   char path[zanth::kPathMax];
   if (!path_format(path, sizeof path, "%s/%s", shown(dir), shown(file))) {
@@ -225,7 +229,8 @@ int handler_store_param(const char* dir, const char* file, const char* value) {
     return -1;
   }
   // One open for truncating, writing and setting the mode.
-  zanth::UniqueFd fd(open_truncate_file(path));
+  const char* name = dir_fd == AT_FDCWD ? path : shown(file);
+  zanth::UniqueFd fd(open_truncate_file_at(dir_fd, name, path));
   if (fd.get() < 0) {
     mail_log(kLogErr, "Unable to create file '%s'", path);
     return -1;

@@ -2,10 +2,14 @@
 // parameter files and program link of a description on the real store.
 #include "mail/handlers/handler_store.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "mail/handlers/handler_test_fixture.h"
+#include "testing/child.h"
 
 namespace {
 
@@ -51,6 +55,17 @@ TEST_F(HandlerStore, ParameterFileIsRewrittenAsOneLineReadersCanRead) {
     EXPECT_EQ(0644u, st.st_mode & 07777) << file;
   }
   EXPECT_EQ(Strings(), captured_log);
+
+  // Opened relative to the directory, a file is still named in full.
+  ASSERT_EQ(0, mkdir((dir + "/handler-type").c_str(), 0755));
+  const testing_support::RunResult r = testing_support::runInChild([&] {
+    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+    std::printf("<%d>", handler_store_param_at(fd, dir.c_str(), "handler-type", "sender"));
+    return 0;
+  });
+  EXPECT_EQ("Unable to truncate or create file " + dir + "/handler-type: Is a directory\n"
+            "System error 21: Is a directory\n<-1>",
+            r.out);
 }
 
 TEST_F(HandlerStore, ExecutableIsTheProgramTheLinkLeadsTo) {
