@@ -4,6 +4,7 @@
 // is followed by a refresh and the removal of an emptied queue directory.
 #include "mail/handlers/handler_actions.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -120,12 +121,13 @@ int switchOn(const Location& loc) {
 }
 
 int switchOff(const Location& loc) {
-  if (exists(loc.entry) && ::unlink(loc.entry) != 0) {
-    mail_log(LOG_ERR, "Unable to remove hook '%s' from directory '%s': %s", loc.hook,
-             loc.queue, std::strerror(errno));
-    return -1;
-  }
-  return 0;
+  if (::unlink(loc.entry) == 0 || errno == ENOENT) return 0;
+  // Whatever else keeps the entry from being looked up means it is off.
+  const int unlink_errno = errno;
+  if (!exists(loc.entry)) return 0;
+  mail_log(LOG_ERR, "Unable to remove hook '%s' from directory '%s': %s", loc.hook, loc.queue,
+           std::strerror(unlink_errno));
+  return -1;
 }
 
 // Switches the handler off and deletes its description directory.
@@ -195,14 +197,19 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
   HandlerFields written{};
   // However far it gets, the new description is now part of the store.
   AnnounceOnExit announce{index, name};
-  if (::chmod(dir, kDescriptionMode) != 0) {
+  // Its files are made relative to the open directory, which spares a walk
+  // of the store's path for each; should it not open, they go by path.
+  zanth::UniqueFd dir_fd(zanth::retryEintr(
+      [&] { return ::open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+  const int at = dir_fd.get() >= 0 ? dir_fd.get() : AT_FDCWD;
+  if ((at != AT_FDCWD ? ::fchmod(at, kDescriptionMode) : ::chmod(dir, kDescriptionMode)) != 0) {
     mail_log(LOG_ERR, "Unable to change permissions for directory '%s': %s", dir,
              std::strerror(errno));
     return -1;
   }
-  if (handler_store_param(dir, "hook", hook) != 0 ||
-      handler_store_param(dir, "context", context) != 0 ||
-      handler_store_param(dir, "handler-type", canonical) != 0) {
+  if (handler_store_param_at(at, dir, "hook", hook) != 0 ||
+      handler_store_param_at(at, dir, "context", context) != 0 ||
+      handler_store_param_at(at, dir, "handler-type", canonical) != 0) {
     mail_log(LOG_ERR, "Unable to store handler parameters into directory '%s'", dir);
     return -1;
   }
@@ -215,7 +222,7 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
     }
     for (char* p = lower.get(); *p != '\0'; ++p)
       *p = static_cast<char>(std::tolower(static_cast<unsigned char>(*p)));
-    if (handler_store_param(dir, canonical, lower.get()) != 0) {
+    if (handler_store_param_at(at, dir, canonical, lower.get()) != 0) {
       mail_log(LOG_ERR, "Unable to store handler parameters into directory '%s'", dir);
       return -1;
     }
@@ -235,7 +242,7 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
     mail_log(LOG_ERR, "executable link name is too long to be stored in the filesystem");
     return -1;
   }
-  if (::symlink(executable, link) != 0 && errno != EEXIST) {
+  if (::symlinkat(executable, at, at != AT_FDCWD ? "executable" : link) != 0 && errno != EEXIST) {
     mail_log(LOG_ERR, "Unable to symlink '%s' to '%s'", executable, link);
     return -1;
   }

@@ -90,15 +90,12 @@ bool readValue(const char* path, char (&value)[kHandlerParamMax]) {
   return read_first_line(value, sizeof value, path) == 0;
 }
 
-// Appends "value\n" to an existing file, in one write where it can: a
+// Writes "value\n" to the open file fd, in one write where it can: a
 // store rename writes four such files per handler.
-bool appendLine(const char* path, const char* value) {
-  zanth::UniqueFd fd(
-      zanth::retryEintr([&] { return ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC); }));
-  if (fd.get() < 0) return false;
+bool writeLine(int fd, const char* value) {
   const size_t len = std::strlen(value);
   iovec parts[] = {{const_cast<char*>(value), len}, {const_cast<char*>("\n"), 1}};
-  ssize_t n = zanth::retryEintr([&] { return ::writev(fd.get(), parts, 2); });
+  ssize_t n = zanth::retryEintr([&] { return ::writev(fd, parts, 2); });
   if (n < 0) return false;
   // A short write leaves the rest of value and the newline to go.
   size_t done = static_cast<size_t>(n);
@@ -109,13 +106,13 @@ bool appendLine(const char* path, const char* value) {
     chunk += skip;
     left -= skip;
     while (left > 0) {
-      n = zanth::retryEintr([&] { return ::write(fd.get(), chunk, left); });
+      n = zanth::retryEintr([&] { return ::write(fd, chunk, left); });
       if (n < 0) return false;
       chunk += n;
       left -= static_cast<size_t>(n);
     }
   }
-  return ::close(fd.release()) == 0;
+  return true;
 }
 
 // Template part of name copied into buf for strcoll; names on disk are far
@@ -214,7 +211,13 @@ char* handler_executable(const char* name) {
     mail_log(LOG_ERR, "Insufficient memory");
     return nullptr;
   }
-  if (::realpath(link, resolved.get()) == nullptr) {
+  // The link names its program by absolute path: resolving that alone
+  // spares a walk of the store's own directories, and comes to the same.
+  char target[zanth::kPathMax];
+  const ssize_t n = ::readlink(link, target, sizeof target);
+  const bool absolute = n > 0 && static_cast<size_t>(n) < sizeof target && target[0] == '/';
+  if (absolute) target[n] = '\0';
+  if (::realpath(absolute ? target : link, resolved.get()) == nullptr) {
     mail_log(LOG_ERR, "Unable to get executable file name for handler\n");
     return nullptr;
   }
@@ -222,22 +225,36 @@ char* handler_executable(const char* name) {
 }
 
 int handler_store_param(const char* dir, const char* file, const char* value) {
+  return handler_store_param_at(AT_FDCWD, dir, file, value);
+}
+
+int handler_store_param_at(int dir_fd, const char* dir, const char* file, const char* value) {
   if (empty(value)) return 0;
   char path[zanth::kPathMax];
   if (!path_format(path, sizeof path, "%s/%s", shown(dir), shown(file))) {
     mail_log(LOG_ERR, "Unable to create file '%s/%s'", shown(dir), shown(file));
     return -1;
   }
-  if (create_truncate_file(path) != 0) {
+  // One open for truncating, writing and setting the mode.
+  const char* name = dir_fd == AT_FDCWD ? path : shown(file);
+  zanth::UniqueFd fd(open_truncate_file_at(dir_fd, name, path));
+  if (fd.get() < 0) {
     mail_log(LOG_ERR, "Unable to create file '%s'", path);
     return -1;
   }
-  if (!appendLine(path, value)) {
+  if (!writeLine(fd.get(), value)) {
     mail_log(LOG_ERR, "Unable to add string '%s' to '%s'", value, path);
     return -1;
   }
   // The file may have existed with other permissions; readers need 0644.
-  if (::chmod(path, kParamMode) != 0) {
+  const bool moded = ::fchmod(fd.get(), kParamMode) == 0;
+  const int mode_errno = errno;
+  if (::close(fd.release()) != 0) {
+    mail_log(LOG_ERR, "Unable to add string '%s' to '%s'", value, path);
+    return -1;
+  }
+  if (!moded) {
+    errno = mode_errno;
     mail_log(LOG_ERR, "Unable to create file '%s'", path);
     return -1;
   }

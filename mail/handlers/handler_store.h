@@ -59,6 +59,10 @@ int handler_store_param(const char* dir, const char* file, const char* value);
 // false when it does not fit; callers report their own message.
 bool handler_info_path(char* path, size_t size, const char* name, const char* file);
 
+// handler_store_param_at - handler_store_param with file opened relative to
+// dir_fd, the directory dir open (AT_FDCWD: dir is opened by path).
+int handler_store_param_at(int dir_fd, const char* dir, const char* file, const char* value);
+
 // handler_find - malloc'ed name of the first handler whose name contains
 // tmpl and whose hook, type and target (case ignored) match; null when there
 // is none or on failure. The caller frees.
