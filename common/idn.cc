@@ -117,25 +117,38 @@ char* idn_email_toascii_safe(const char* address) {
   return result;
 }
 
+namespace {
+
+// url_pattern - the URL pattern, compiled on first use and kept: a
+// conversion per call would cost more than the conversion itself.
+const regex_t& url_pattern() {
+  static regex_t re;
+  static const bool compiled = [] {
+    int rc = regcomp(&re, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
+    if (rc != 0) {
+      char text[4096];
+      regerror(rc, &re, text, sizeof text);
+      report_fatal("regcomp() failed: %s", text);
+    }
+    return true;
+  }();
+  (void)compiled;
+  return re;
+}
+
+}  // namespace
+
 const char* idn_url_toascii(const char* url) {
   static char buffer[kUrlBufferSize];
-  regex_t re;
-  int rc = regcomp(&re, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
-  if (rc != 0) {
-    char text[4096];
-    regerror(rc, &re, text, sizeof text);
-    report_fatal("regcomp() failed: %s", text);
-  }
+  const regex_t& re = url_pattern();
   regmatch_t m[kUrlMatches];
-  rc = regexec(&re, url, kUrlMatches, m, 0);
+  int rc = regexec(&re, url, kUrlMatches, m, 0);
   if (rc != 0) {
     char text[4096];
     regerror(rc, &re, text, sizeof text);
-    regfree(&re);
     report_error(0, 0, "regexec() failed: %s", text);
     return nullptr;
   }
-  regfree(&re);
   if (m[3].rm_so < 0) {
     report_error(0, 0, "no hostname found in URL");
     return nullptr;
