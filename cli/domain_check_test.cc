@@ -92,9 +92,9 @@ class DomainCheck : public ::testing::Test {
   void SetUp() override {
     makeSampleMailLayer();
     writeFile("/usr/lib/zanth-9.0/handlers-tmpfs", "#!/bin/sh\n", 0755);
-    ASSERT_EQ(0, handler_add("spam", "recipient", "info@a.example", "/bin/true", "ctx", "smtp", "10", 2));
-    ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp", "20", 2));
-    ASSERT_EQ(0, handler_add("spam", "recipient", "v@xa.example", "/bin/true", "ctx", "smtp", "10", 2));
+    ASSERT_EQ(0, handler_add("spam", "recipient", "info@a.example", "/bin/true", "ctx", "smtp", "10", kHandlerSwitchOn));
+    ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp", "20", kHandlerSwitchOn));
+    ASSERT_EQ(0, handler_add("spam", "recipient", "v@xa.example", "/bin/true", "ctx", "smtp", "10", kHandlerSwitchOn));
   }
   // A fresh sandbox layout with the sample, for each case of a table.
   void fresh() {

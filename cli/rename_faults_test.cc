@@ -225,7 +225,7 @@ TEST_F(RenameFaults, ClosedStandardStreamsNeitherHangNorCatchDiagnostics) {
 
 TEST_F(RenameFaults, ChildrenSeeNoDescriptorOrSignalSettingOfTheTool) {
   ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
-                           "20", 2));
+                           "20", kHandlerSwitchOn));
   // Each postmap and refresh program lists its open descriptors, and a
   // program it starts its blocked and ignored signals.
   const std::string record =
@@ -258,7 +258,7 @@ TEST_F(RenameFaults, TerminationSignalsWaitForTheStepThenFailIt) {
   // SIGHUP while the handler store is first refreshed, in the last step: it
   // fails as a late failure does, the designed undo included.
   ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
-                           "20", 2));
+                           "20", kHandlerSwitchOn));
   writeFile(kRefresh, "#!/bin/sh\n[ -e /run/refreshed ] && exit 0\ntouch /run/refreshed\n" +
                           kWaitOnFifo + "\n", 0755);
   const RunResult r = renameSignalledDuringStandIn(SIGHUP);
@@ -363,7 +363,7 @@ TEST_F(RenameFaults, RecoveryAfterALateFailureOrALateCrashIsTheSameRenameAgain) 
   // Crash in the last step, after the mail directory was renamed.
   makeSampleMailLayer();
   ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
-                           "20", 2));
+                           "20", kHandlerSwitchOn));
   writeFile(kRefresh, "#!/bin/sh\nkill -KILL $PPID\n", 0755);
   r = runTool({"a.example", "b.example"});
   ASSERT_TRUE(WIFSIGNALED(r.status));

@@ -46,11 +46,11 @@ class RenameSequence : public ::testing::Test {
     writeFile("/usr/lib/zanth-9.0/handlers-tmpfs", "#!/bin/sh\necho \"$@\" >> " + kRefreshLog + "\n",
               0755);
     ASSERT_EQ(0, handler_add("spam", "recipient", "info@a.example", "/bin/true", "ctx", "smtp",
-                             "10", 2));
+                             "10", kHandlerSwitchOn));
     ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
-                             "20", 2));
+                             "20", kHandlerSwitchOn));
     ASSERT_EQ(0, handler_add("spam", "recipient", "info@xa.example", "/bin/true", "ctx", "smtp",
-                             "10", 2));
+                             "10", kHandlerSwitchOn));
   }
 
   static bool hasHandler(const char* tmpl, const char* type, const char* target) {
@@ -137,37 +137,40 @@ TEST_F(RenameSequence, OldNameMissingFromAuthenticationDatabase) {
 const std::string kServicesFailed =
     "Fatal error: zanth::mail::postfix::PostfixError(unable to rename some of services)\n";
 
-TEST_F(RenameSequence, RefusingPluginUndoesThePostfixStep) {
-  installPlugin("test_plugins/failing.so");
-  expectLateFailure("plugin 'failing.so' failed with status '1'\n" + kServicesFailed,
-                    kServicesFailed, "b.example");
-  EXPECT_TRUE(hasHandler("spam", "recipient", "info@a.example"));
+struct LateFailure {
+  const char* name;
+  void (*cause)();
+  std::string text, fatal;
+  bool logged;  // the text is on standard output too
+};
+
+const LateFailure kLateFailures[] = {
+    {"RefusingPlugin", [] { installPlugin("test_plugins/failing.so"); },
+     "plugin 'failing.so' failed with status '1'\n", kServicesFailed, false},
+    {"CrashingPlugin", [] { installPlugin("test_plugins/crashing.so"); },
+     "child killed by signal: 11\nplugin 'crashing.so' failed with status '1'\n", kServicesFailed, false},
+    {"MissingPluginDirectory", [] { fs::remove_all(kPluginDir); },
+     "plugin directory '/usr/lib/zanth-9.0/domain_rename' not exists or not directory", kServicesFailed, false},
+    {"DamagedHandler", [] { fs::create_directory("/opt/orb/handlers/info/10-broken-Ab3xYz"); },
+     "No such parameter 'handler-type' for handler '10-broken-Ab3xYz'\n"
+     "Unable to get type of handler: 10-broken-Ab3xYz\n\n"
+     "Some errors was occured in mass hook operation. errors: 1\n",
+     "Fatal error: zanth::mail::postfix::PostfixError(Unable to rename domain handlers)\n", true},
+};
+
+void PrintTo(const LateFailure& failure, std::ostream* out) { *out << failure.name; }
+
+class RenameLateFailure : public RenameSequence, public testing::WithParamInterface<LateFailure> {};
+
+TEST_P(RenameLateFailure, UndoesThePostfixStep) {
+  const LateFailure& c = GetParam();
+  c.cause();
+  expectLateFailure(c.text + c.fatal, (c.logged ? c.text : "") + c.fatal, "b.example");
+  if (!c.logged) { EXPECT_TRUE(hasHandler("spam", "recipient", "info@a.example")); }
 }
 
-TEST_F(RenameSequence, CrashingPluginUndoesThePostfixStep) {
-  installPlugin("test_plugins/crashing.so");
-  expectLateFailure("child killed by signal: 11\nplugin 'crashing.so' failed with status '1'\n" +
-                        kServicesFailed,
-                    kServicesFailed, "b.example");
-}
-
-TEST_F(RenameSequence, MissingPluginDirectoryFailsTheRename) {
-  fs::remove_all(kPluginDir);
-  expectLateFailure("plugin directory '/usr/lib/zanth-9.0/domain_rename' not exists or not directory" +
-                        kServicesFailed,
-                    kServicesFailed, "b.example");
-}
-
-TEST_F(RenameSequence, DamagedHandlerFailsTheRename) {
-  fs::create_directory("/opt/orb/handlers/info/10-broken-Ab3xYz");
-  const std::string fatal =
-      "Fatal error: zanth::mail::postfix::PostfixError(Unable to rename domain handlers)\n";
-  const std::string log =
-      "No such parameter 'handler-type' for handler '10-broken-Ab3xYz'\n"
-      "Unable to get type of handler: 10-broken-Ab3xYz\n\n"
-      "Some errors was occured in mass hook operation. errors: 1\n";
-  expectLateFailure(log + fatal, log + fatal, "b.example");
-}
+INSTANTIATE_TEST_SUITE_P(Causes, RenameLateFailure, testing::ValuesIn(kLateFailures),
+                         [](const testing::TestParamInfo<LateFailure>& info) { return info.param.name; });
 
 TEST_F(RenameSequence, FailedUndoOfThePostfixStepIsCritical) {
   // The plugin occupies the old directory name, so the guard cannot put the

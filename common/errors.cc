@@ -12,6 +12,8 @@
 #include <cstring>
 #include <iostream>
 
+#include "common/syscall.h"
+
 namespace zanth {
 
 SystemError::SystemError(const std::string& message)
@@ -174,7 +176,10 @@ void print_error_message(const char* text, int exit_status, int /*flag*/) {
 }
 
 void vreport_error(int exit_status, int flag, const char* format, va_list args) {
-  int saved_errno = errno;
+  // errno on entry decides the system-error suffix, and is what the caller
+  // finds again afterwards.
+  const zanth::ErrnoSaver entry;
+  const int saved_errno = entry.value();
   size_t size = kReportBufferSize;
   char* buffer = static_cast<char*>(std::malloc(size));
   if (buffer == nullptr) {
@@ -195,7 +200,6 @@ void vreport_error(int exit_status, int flag, const char* format, va_list args) 
   }
   va_end(again);
 
-  errno = saved_errno;
   if (saved_errno != 0) {
     size_t used = std::strlen(buffer);
     size_t room = size - used;
@@ -211,6 +215,15 @@ void vreport_error(int exit_status, int flag, const char* format, va_list args) 
 
   print_error_message(buffer, exit_status, flag);
   std::free(buffer);
+}
+
+void report_fatal(const char* format, ...) {
+  constexpr int kFatalStatus = 1;
+  va_list args;
+  va_start(args, format);
+  vreport_error(kFatalStatus, 1, format, args);
+  va_end(args);
+  std::abort();  // not reached: a non-zero status exits
 }
 
 void report_error(int exit_status, int flag, const char* format, ...) {

@@ -125,6 +125,10 @@ void report_error(int exit_status, int flag, const char* format, ...)
 void vreport_error(int exit_status, int flag, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
+// report_fatal - report as report_error does, then end the process with
+// status 1: for failures the procedural code cannot go on from.
+[[noreturn]] void report_fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // Output step of the reporter: optional "progname: " prefix, the text and a
 // newline unless it ends in one, on standard error then standard output.
 void print_error_message(const char* text, int exit_status, int flag);

@@ -92,4 +92,18 @@ TEST(ReportError, PrintsBothCopiesAndExitsOnNonZeroStatus) {
   }
 }
 
+// The fatal reporter never comes back, whatever status report_error would
+// have been given: the child's own return value (7) must not be seen.
+TEST(ReportError, FatalReportEndsWithStatusOneAndTheSystemError) {
+  RunResult r = runInChild([]() -> int {
+    errno = ENOENT;
+    report_fatal("cannot go on with %s", "box");
+    return 7;
+  });
+  const std::string shown = "cannot go on with box\nSystem error 2: No such file or directory\n";
+  EXPECT_EQ(1, r.exitCode());
+  EXPECT_EQ(shown, r.err);
+  EXPECT_EQ(shown, r.out);
+}
+
 }  // namespace

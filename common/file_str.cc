@@ -67,9 +67,8 @@ bool copyLines(FILE* in, zanth::ReplacementFile& out, const char* const* remove,
     *ends_line = text.back() == '\n';
   }
   if (ok && std::ferror(in)) ok = false;
-  int saved = errno;
+  zanth::ErrnoSaver keep;
   std::free(line);
-  errno = saved;
   return ok;
 }
 
@@ -154,9 +153,8 @@ bool ReplacementFile::open() {
   created_ = true;
   FILE* out = ::fdopen(fd, "w");
   if (out == nullptr) {
-    int saved = errno;
+    ErrnoSaver keep;
     ::close(fd);
-    errno = saved;
     return false;
   }
   out_.reset(out);
@@ -193,9 +191,10 @@ bool ReplacementFile::commit(mode_t mode, uid_t uid, gid_t gid) {
 void ReplacementFile::discard() {
   out_.reset();
   if (!created_) return;
-  int saved = errno;
-  ::unlink(tmp_);
-  errno = saved;
+  {
+    ErrnoSaver keep;
+    ::unlink(tmp_);
+  }
   created_ = false;
 }
 

@@ -22,7 +22,9 @@ namespace {
 constexpr mode_t kDirMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kPermissionBits = 0777;
-constexpr int kExitFailure = 1;
+// Read size of read_first_line, doubled while the first line goes on.
+constexpr size_t kLineChunk = 512;
+constexpr const char* kTruncateMessage = "Unable to truncate or create file %s: %s";
 
 // White space as the default POSIX locale has it, whatever locale is set.
 bool is_space(char c) {
@@ -41,6 +43,13 @@ int ensure_dir(const char* path) {
   return zanth::retryEintr([&] { return mkdir(path, kDirMode); }) == 0;
 }
 
+// own_new_dir - give a directory just made to uid:gid; a failure is
+// reported and passed over.
+void own_new_dir(const char* path, uid_t uid, gid_t gid) {
+  if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0)
+    report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
+}
+
 // make_owned_level - the recursion of make_dirs_owned over a private copy
 // of the path, cut short in place at each level.
 void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
@@ -52,56 +61,87 @@ void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
   }
   if (zanth::retryEintr([&] { return mkdir(path, mode); }) != 0) {
     if (errno == EEXIST) return;
-    report_error(kExitFailure, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
+    report_fatal("Cannot create directory %s: %s", path, std::strerror(errno));
   }
-  if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0)
-    report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
+  own_new_dir(path, uid, gid);
+}
+
+// open_empty - name, relative to dir, opened for writing as an empty or
+// kept file (mode 0644 when new); its descriptor, or -1 reported with
+// message naming it path.
+int open_empty(int dir, const char* name, const char* path, int extra_flags,
+               const char* message) {
+  int fd = zanth::retryEintr([&] {
+    return openat(dir, name, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode);
+  });
+  if (fd < 0) report_error(0, 0, message, path, std::strerror(errno));
+  return fd;
 }
 
 int create_empty(const char* path, int extra_flags, const char* message) {
-  int fd = zanth::retryEintr(
-      [&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode); });
-  if (fd < 0) {
-    report_error(0, 0, message, path, std::strerror(errno));
-    return -1;
-  }
-  // Nothing was written, so a failing close cannot have lost data.
-  close(fd);
-  return 0;
+  // Nothing is written, so the owner's close cannot lose data.
+  const zanth::UniqueFd fd(open_empty(AT_FDCWD, path, path, extra_flags, message));
+  return fd.get() < 0 ? -1 : 0;
 }
 
-// tree_failure - report a failure of remove_tree, which ends the process.
-[[noreturn]] void tree_failure(const char* format, const char* what) {
-  report_error(kExitFailure, 1, format, what, std::strerror(errno));
-  std::abort();  // not reached: a non-zero status exits
+// unlink_tolerant - unlink name in the directory dir; a vanished entry is
+// fine, else it fails.
+void unlink_tolerant(int dir, const char* name, const char* format) {
+  if (zanth::retryEintr([&] { return unlinkat(dir, name, 0); }) != 0 && errno != ENOENT)
+    report_fatal(format, name, std::strerror(errno));
 }
 
-[[noreturn]] void tree_failure(const char* format) {
-  report_error(kExitFailure, 1, format, std::strerror(errno));
-  std::abort();  // not reached: a non-zero status exits
-}
+void remove_subdir(int parent, const char* name);
 
-// unlink_tolerant - unlink path; a vanished entry is fine, else it fails.
-void unlink_tolerant(const char* path, const char* format) {
-  if (zanth::retryEintr([&] { return unlink(path); }) != 0 && errno != ENOENT)
-    tree_failure(format, path);
-}
-
-// empty_dir - remove every entry of the current directory, listed by dir.
+// empty_dir - remove every entry of the directory listed by dir. Entries
+// are named relative to it, so that deep trees never need long paths; the
+// type the listing gives spares a stat of each entry.
 void empty_dir(DIR* dir) {
+  const int fd = dirfd(dir);
   for (struct dirent* entry; (entry = readdir(dir)) != nullptr;) {
     const char* name = entry->d_name;
-    struct stat st;
-    if (zanth::retryEintr([&] { return lstat(name, &st); }) != 0) {
-      if (errno == ENOENT) continue;
-      tree_failure("Unable to check directory entry %s: %s\n", name);
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+    bool is_dir = entry->d_type == DT_DIR;
+    if (entry->d_type == DT_UNKNOWN) {
+      struct stat st;
+      if (zanth::retryEintr([&] { return fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW); }) != 0) {
+        if (errno == ENOENT) continue;
+        report_fatal("Unable to check directory entry %s: %s\n", name, std::strerror(errno));
+      }
+      is_dir = S_ISDIR(st.st_mode);
     }
-    if (!S_ISDIR(st.st_mode)) {
-      unlink_tolerant(name, "Unable to unlink directory entry %s: %s\n");
-    } else if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) {
-      remove_tree(name, 1);
-    }
+    if (is_dir)
+      remove_subdir(fd, name);
+    else
+      unlink_tolerant(fd, name, "Unable to unlink directory entry %s: %s\n");
   }
+}
+
+// remove_subdir - remove the directory name in parent and all under it.
+void remove_subdir(int parent, const char* name) {
+  int fd = zanth::retryEintr([&] {
+    return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  });
+  if (fd < 0) {
+    if (errno == ENOENT) return;
+    // Replaced by a file or a link since it was listed: that goes too.
+    if (errno == ENOTDIR || errno == ELOOP) {
+      unlink_tolerant(parent, name, "Unable to unlink entry %s: %s\n");
+      return;
+    }
+    report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
+  }
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    const int saved = errno;
+    close(fd);
+    report_fatal("Unable to open dir %s: %s\n", name, std::strerror(saved));
+  }
+  empty_dir(dir);
+  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
+  if (zanth::retryEintr([&] { return unlinkat(parent, name, AT_REMOVEDIR); }) != 0 &&
+      errno != ENOENT)
+    report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
 }
 
 // open_ownable - path opened for fchown and fchmod: not through a link,
@@ -131,23 +171,34 @@ int make_dirs(const char* path) {
     *slash = '/';
   }
   if (ok) ok = ensure_dir(copy);
-  int saved = errno;
+  zanth::ErrnoSaver keep;
   std::free(copy);
-  errno = saved;
   return ok;
 }
 
 int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  // The parents are usually there already: one mkdir then settles it. Any
+  // other outcome takes the walk from the top, which reports the first
+  // level that cannot be made.
+  if (zanth::retryEintr([&] { return mkdir(path, mode); }) == 0) {
+    own_new_dir(path, uid, gid);
+    return 0;
+  }
+  if (errno == EEXIST) return 0;
   char* copy = strdup(path);
   if (copy == nullptr)
-    report_error(kExitFailure, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
+    report_fatal("Cannot create directory %s: %s", path, std::strerror(errno));
   make_owned_level(copy, uid, gid, mode);
   std::free(copy);
   return 0;
 }
 
 int create_truncate_file(const char* path) {
-  return create_empty(path, O_TRUNC, "Unable to truncate or create file %s: %s");
+  return create_empty(path, O_TRUNC, kTruncateMessage);
+}
+
+int open_truncate_file_at(int dir, const char* name, const char* path) {
+  return open_empty(dir, name, path, O_TRUNC, kTruncateMessage);
 }
 
 int create_file(const char* path) {
@@ -155,25 +206,52 @@ int create_file(const char* path) {
 }
 
 int read_first_line(char* buffer, size_t size, const char* path) {
-  zanth::UniqueFile file(std::fopen(path, "re"));
-  if (file.get() == nullptr) {
+  zanth::UniqueFd fd(zanth::retryEintr([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
+  if (fd.get() < 0) {
     report_error(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
     return -1;
   }
-  char* line = nullptr;
-  size_t capacity = 0;
-  errno = 0;
-  ssize_t length = getdelim(&line, &capacity, '\n', file.get());
-  if (length < 0) {
-    std::free(line);
-    if (std::feof(file.get())) {
-      std::memset(buffer, 0, size);
-      return 0;
+  // The whole first line is read, however long: the white space around it
+  // may be what does not fit. Most lines fit the first chunk.
+  char chunk[kLineChunk];
+  char* line = chunk;
+  size_t capacity = sizeof chunk, length = 0;
+  auto release = [&] {
+    if (line != chunk) std::free(line);
+  };
+  for (;;) {
+    if (length == capacity) {
+      char* grown = static_cast<char*>(std::malloc(2 * capacity));
+      if (grown == nullptr) {
+        release();
+        report_error(0, 0, "Unable to read line from file: %s\n", path);
+        return -1;
+      }
+      std::memcpy(grown, line, length);
+      release();
+      line = grown;
+      capacity *= 2;
     }
-    report_error(0, 0, "Unable to read line from file: %s\n", path);
-    return -1;
+    ssize_t n = zanth::retryEintr([&] { return read(fd.get(), line + length, capacity - length); });
+    if (n < 0) {
+      release();
+      report_error(0, 0, "Unable to read line from file: %s\n", path);
+      return -1;
+    }
+    if (n == 0) break;
+    const size_t got = static_cast<size_t>(n);
+    const char* newline = static_cast<const char*>(std::memchr(line + length, '\n', got));
+    length += got;
+    if (newline != nullptr) {
+      length = static_cast<size_t>(newline - line) + 1;
+      break;
+    }
   }
-  file.reset();
+  fd.reset();
+  if (length == 0) {
+    std::memset(buffer, 0, size);
+    return 0;
+  }
 
   char* start = line;
   char* end = line + length;
@@ -181,14 +259,14 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   while (start < end && is_space(*start)) ++start;
   size_t trimmed = static_cast<size_t>(end - start);
   if (trimmed >= size) {
-    std::free(line);
+    release();
     errno = 0;  // a short buffer is no system error
     report_error(0, 0, "The buffer too short\n");
     return -1;
   }
   std::memcpy(buffer, start, trimmed);
   buffer[trimmed] = '\0';
-  std::free(line);
+  release();
   return 0;
 }
 
@@ -196,29 +274,20 @@ void remove_tree(const char* path, int remove_top) {
   struct stat st;
   if (zanth::retryEintr([&] { return lstat(path, &st); }) != 0) {
     if (errno == ENOENT) return;
-    tree_failure("Unable to check directory entry %s: %s\n", path);
+    report_fatal("Unable to check directory entry %s: %s\n", path, std::strerror(errno));
   }
   if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
-    unlink_tolerant(path, "Unable to unlink entry %s: %s\n");
+    unlink_tolerant(AT_FDCWD, path, "Unable to unlink entry %s: %s\n");
     return;
   }
 
-  // Everything else is taken for a directory and emptied from inside it,
-  // so that deep trees never need long paths.
-  int saved_cwd = zanth::retryEintr([] { return open(".", O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
-  if (saved_cwd < 0) tree_failure("Unable to get file descriptor of current dir: %s\n");
+  // Everything else is taken for a directory.
   DIR* dir = opendir(path);
-  if (dir == nullptr) tree_failure("Unable to open dir %s: %s\n", path);
-  if (zanth::retryEintr([&] { return chdir(path); }) != 0)
-    tree_failure("Unable to change dir %s: %s\n", path);
-
+  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", path, std::strerror(errno));
   empty_dir(dir);
-
-  if (zanth::retryEintr([&] { return fchdir(saved_cwd); }) != 0 || close(saved_cwd) != 0)
-    tree_failure("Unable to restore & close current dir: %s\n");
-  if (closedir(dir) != 0) tree_failure("Unable to close dir %s: %s\n", path);
+  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", path, std::strerror(errno));
   if (remove_top && zanth::retryEintr([&] { return rmdir(path); }) != 0 && errno != ENOENT)
-    tree_failure("Unable to remove dir %s: %s\n", path);
+    report_fatal("Unable to remove dir %s: %s\n", path, std::strerror(errno));
 }
 
 int set_owner_by_name(const char* path, const char* user, mode_t mode) {

@@ -26,6 +26,12 @@ int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode);
 // 0 or -1 (reported).
 int create_truncate_file(const char* path);
 
+// open_truncate_file_at - as create_truncate_file for name relative to the
+// directory open as dir (AT_FDCWD: the working directory), but the file is
+// left open for writing: its descriptor (the caller closes it), or -1
+// (reported, naming the file path).
+int open_truncate_file_at(int dir, const char* name, const char* path);
+
 // create_file - make sure path exists as a file, keeping its content;
 // 0 or -1 (reported).
 int create_file(const char* path);
@@ -37,8 +43,8 @@ int read_first_line(char* buffer, size_t size, const char* path);
 
 // remove_tree - remove path and everything under it, or, when remove_top is
 // 0, only what is under it. Symbolic links are removed, never followed; a
-// missing path is fine. Any failure ends the process. Changes the working
-// directory while it runs and restores it.
+// missing path is fine. Any failure ends the process. The working directory
+// is left alone: entries are removed relative to their open directory.
 void remove_tree(const char* path, int remove_top);
 
 // set_owner_by_name - give path to the account user (its uid and primary

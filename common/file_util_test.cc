@@ -2,6 +2,7 @@
 // owner and mode, and what the helpers read or leave behind.
 #include "common/file_util.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -54,16 +55,21 @@ TEST_F(FileUtil, MakeDirsOwnedLeavesExistingDirectoriesAlone) {
   ASSERT_EQ(0, mkdir((dir_ / "keep").c_str(), 0700));
   EXPECT_EQ(0, make_dirs_owned((dir_ / "keep/n1/n2").c_str(), pop->pw_uid, pop->pw_gid, 01750));
   EXPECT_EQ(0, make_dirs_owned((dir_ / "keep").c_str(), pop->pw_uid, pop->pw_gid, 01750));
+  // Only the last level missing.
+  EXPECT_EQ(0, make_dirs_owned((dir_ / "keep/n1/n3").c_str(), pop->pw_uid, pop->pw_gid, 01750));
   struct stat keep = info(dir_ / "keep"), n1 = info(dir_ / "keep/n1"), n2 = info(dir_ / "keep/n1/n2");
   EXPECT_EQ(0u, keep.st_uid);
   EXPECT_EQ(0700u, keep.st_mode & 07777);
   EXPECT_EQ(0750u, n1.st_mode & 07777);
   EXPECT_EQ(pop->pw_uid, n2.st_uid);
   EXPECT_EQ(01750u, n2.st_mode & 07777);
+  struct stat n3 = info(dir_ / "keep/n1/n3");
+  EXPECT_EQ(pop->pw_gid, n3.st_gid);
+  EXPECT_EQ(01750u, n3.st_mode & 07777);
 }
 
 struct LineCase {
-  const char* content;
+  std::string content;
   size_t size;
   const char* shown;  // the child's report, then the value read in <>
 };
@@ -75,6 +81,9 @@ const LineCase kLineCases[] = {
     {"", 16, "<>"},
     {" 1234567 \n", 8, "<1234567>"},
     {"12345678\n", 8, "The buffer too short\n<->"},
+    // First lines longer than one read.
+    {std::string(3000, ' ') + "word" + std::string(900, '\t') + "\nsecond\n", 16, "<word>"},
+    {std::string(3000, 'x'), 16, "The buffer too short\n<->"},
 };
 
 TEST_F(FileUtil, ReadFirstLineTrimsAndChecksRoom) {
@@ -86,7 +95,7 @@ TEST_F(FileUtil, ReadFirstLineTrimsAndChecksRoom) {
       std::printf("<%s>", result == 0 ? buffer : "-");
       return 0;
     });
-    EXPECT_EQ(c.shown, r.out) << c.content;
+    EXPECT_EQ(c.shown, r.out) << c.content.substr(0, 40);
   }
 }
 
@@ -102,10 +111,28 @@ TEST_F(FileUtil, RemoveTreeNeverFollowsLinks) {
   const auto cwd = std::filesystem::current_path();
   remove_tree(top.c_str(), 0);
   remove_tree((dir_ / "toplink").c_str(), 1);
-  EXPECT_EQ(cwd, std::filesystem::current_path());  // restored after the walk
+  EXPECT_EQ(cwd, std::filesystem::current_path());
   EXPECT_EQ("", shell("ls -A " + top).out);
   EXPECT_FALSE(pathExists(dir_ / "toplink"));
   EXPECT_EQ("x", readFile(outside + "/keep"));
+  remove_tree(top.c_str(), 1);
+  EXPECT_FALSE(pathExists(top));
+}
+
+TEST_F(FileUtil, RemoveTreeGoesDeeperThanAPathCanName) {
+  const std::string top = dir_ / "deep";
+  ASSERT_EQ(0, mkdir(top.c_str(), 0755));
+  const std::string level(200, 'd');
+  int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_LE(0, fd);
+  for (int i = 0; i < 30; ++i) {  // some 6,000 bytes of path below top
+    ASSERT_EQ(0, mkdirat(fd, level.c_str(), 0755));
+    ASSERT_EQ(0, mkfifoat(fd, "fifo", 0600));
+    int next = openat(fd, level.c_str(), O_RDONLY | O_DIRECTORY);
+    close(fd);
+    ASSERT_LE(0, fd = next);
+  }
+  close(fd);
   remove_tree(top.c_str(), 1);
   EXPECT_FALSE(pathExists(top));
 }

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <new>
 
+#include "common/syscall.h"
+
 namespace zanth {
 namespace idn {
 namespace {
@@ -21,10 +23,7 @@ std::string convert(Converter fn, const std::string& input) {
   int rc = fn(input.c_str(), &output, 0);
   if (rc != IDNA_SUCCESS) throw IdnaError(rc);
   if (output == nullptr) throw std::bad_alloc();
-  struct Release {
-    char* p;
-    ~Release() { std::free(p); }
-  } release{output};
+  const UniqueCString owner(output);
   return std::string(output);
 }
 
@@ -55,7 +54,7 @@ constexpr int kUrlMatches = 5;
 char* convert_unchecked(int (*fn)(const char*, char**, int), const char* input) {
   char* output = nullptr;
   int rc = fn(input, &output, 0);
-  if (rc == IDNA_MALLOC_ERROR) report_error(1, 1, "Allocation failed");
+  if (rc == IDNA_MALLOC_ERROR) report_fatal("Allocation failed");
   if (rc != IDNA_SUCCESS) {
     idn_last_error = rc;
     std::free(output);
@@ -68,14 +67,14 @@ char* convert_checked(int (*fn)(const char*, char**, int), const char* fname,
                       const char* input) {
   char* output = convert_unchecked(fn, input);
   if (output == nullptr)
-    report_error(1, 1, "%s(%s) failed: %s", fname, input, idn_strerror(idn_last_error));
+    report_fatal("%s(%s) failed: %s", fname, input, idn_strerror(idn_last_error));
   return output;
 }
 
 char* join_address(const char* address, const char* at, const char* domain) {
   char* result = nullptr;
   if (asprintf(&result, "%.*s@%s", static_cast<int>(at - address), address, domain) < 0)
-    report_error(1, 1, "Cannot allocate memory: %s", std::strerror(errno));
+    report_fatal("Cannot allocate memory: %s", std::strerror(errno));
   return result;
 }
 
@@ -111,32 +110,45 @@ char* idn_email_toascii_safe(const char* address) {
   if (at == nullptr) return nullptr;
   char* domain = idn_toascii(at + 1);
   if (domain == nullptr)
-    report_error(1, 1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
+    report_fatal("%s(%s) failed: %s", "idn_email_toascii_safe", address,
                  idn_strerror(idn_last_error));
   char* result = join_address(address, at, domain);
   std::free(domain);
   return result;
 }
 
+namespace {
+
+// url_pattern - the URL pattern, compiled on first use and kept: a
+// conversion per call would cost more than the conversion itself.
+const regex_t& url_pattern() {
+  static regex_t re;
+  static const bool compiled = [] {
+    int rc = regcomp(&re, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
+    if (rc != 0) {
+      char text[4096];
+      regerror(rc, &re, text, sizeof text);
+      report_fatal("regcomp() failed: %s", text);
+    }
+    return true;
+  }();
+  (void)compiled;
+  return re;
+}
+
+}  // namespace
+
 const char* idn_url_toascii(const char* url) {
   static char buffer[kUrlBufferSize];
-  regex_t re;
-  int rc = regcomp(&re, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
-  if (rc != 0) {
-    char text[4096];
-    regerror(rc, &re, text, sizeof text);
-    report_error(1, 1, "regcomp() failed: %s", text);
-  }
+  const regex_t& re = url_pattern();
   regmatch_t m[kUrlMatches];
-  rc = regexec(&re, url, kUrlMatches, m, 0);
+  int rc = regexec(&re, url, kUrlMatches, m, 0);
   if (rc != 0) {
     char text[4096];
     regerror(rc, &re, text, sizeof text);
-    regfree(&re);
     report_error(0, 0, "regexec() failed: %s", text);
     return nullptr;
   }
-  regfree(&re);
   if (m[3].rm_so < 0) {
     report_error(0, 0, "no hostname found in URL");
     return nullptr;
@@ -147,7 +159,7 @@ const char* idn_url_toascii(const char* url) {
   std::string host = part(3);
   char* ascii = nullptr;
   rc = idna_to_ascii_8z(host.c_str(), &ascii, 0);
-  if (rc == IDNA_MALLOC_ERROR) report_error(1, 1, "Allocation failed");
+  if (rc == IDNA_MALLOC_ERROR) report_fatal("Allocation failed");
   if (rc != IDNA_SUCCESS) {
     idn_last_error = rc;
     std::free(ascii);

@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <initializer_list>
 
+#include "common/syscall.h"
+
 mail_log_fn mail_log = mail_log_default;
-int mail_log_threshold = 6;
+int mail_log_threshold = LOG_INFO;
 
 void mail_log_default(int priority, const char* format, ...) {
   if (priority > mail_log_threshold) return;
-  int saved_errno = errno;
+  zanth::ErrnoSaver keep;
   for (FILE* stream : {stderr, stdout}) {
     va_list args;
     va_start(args, format);
@@ -21,5 +23,4 @@ void mail_log_default(int priority, const char* format, ...) {
     std::fputc('\n', stream);
     std::fflush(stream);
   }
-  errno = saved_errno;
 }

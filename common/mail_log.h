@@ -6,12 +6,14 @@
 #ifndef MXKEEP_COMMON_MAIL_LOG_H
 #define MXKEEP_COMMON_MAIL_LOG_H
 
+#include <syslog.h>  // the priorities callers pass: LOG_ERR, LOG_INFO, ...
+
 using mail_log_fn = void (*)(int priority, const char* format, ...);
 
 // The hook in force; never null. Starts as mail_log_default.
 extern mail_log_fn mail_log;
 
-// Highest priority number the default hook prints; 6 unless changed.
+// Highest priority number the default hook prints; LOG_INFO unless changed.
 extern int mail_log_threshold;
 
 // mail_log_default - print "message\n" to stderr and stdout, flushing each.

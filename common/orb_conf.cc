@@ -1,7 +1,8 @@
 // Product configuration: the table parser and the process-wide runtime
 // configuration with its per-index value cache. Nothing here throws; every
-// log line goes through mail_log at priority 12, above the default
-// threshold, so a broken file stays quiet unless logging is turned up.
+// log line goes through mail_log at priority 12 (LOG_USER | LOG_WARNING),
+// above the default threshold, so a broken file stays quiet unless logging
+// is turned up.
 #include "common/orb_conf.h"
 
 #include <search.h>
@@ -17,7 +18,8 @@
 
 namespace {
 
-constexpr int kLogPriority = 12;
+// A user-facility warning (12): numerically above the default threshold.
+constexpr int kLogPriority = LOG_USER | LOG_WARNING;
 constexpr unsigned kInitialCapacity = 20;
 constexpr unsigned kCapacityStep = 20;
 constexpr unsigned kDoublingLimit = 0x7fffffff;
@@ -170,10 +172,9 @@ int conf_read(const char* path, conf_table* table) {
   if (make_room(table) != 0) return -1;
   zanth::UniqueFile file(std::fopen(path, "re"));
   if (file.get() == nullptr) {
-    int saved = errno;
+    zanth::ErrnoSaver keep;
     mail_log(kLogPriority, "unable to open configuration file %s: %s\n", path,
-             std::strerror(saved));
-    errno = saved;
+             std::strerror(keep.value()));
     return -1;
   }
   return conf_read_stream(file.get(), table);
@@ -190,15 +191,14 @@ int conf_read_stream(FILE* file, conf_table* table) {
       break;
     }
   }
-  int saved = errno;
+  zanth::ErrnoSaver read_errno;  // the reader's cause outlives the clean-up
   std::free(line);
-  errno = saved;
   if (result != 0) return -1;
 
   conf_sort(table);
   if (std::ferror(file)) {
-    mail_log(kLogPriority, "Unable to read configuration file: %s", std::strerror(saved));
-    errno = saved;
+    mail_log(kLogPriority, "Unable to read configuration file: %s",
+             std::strerror(read_errno.value()));
     return -1;
   }
   return 0;
@@ -273,9 +273,8 @@ int orb_conf_load() {
     return -1;
   }
   if (conf_read(kOrbConfPath, table) != 0) {
-    int saved = errno;
+    zanth::ErrnoSaver keep;
     conf_free(table);
-    errno = saved;
     return -1;
   }
   g_runtime = table;

@@ -147,29 +147,6 @@ bool fetched_row_missing(Fetched f) { return f == Fetched::kNoRow || f == Fetche
 
 }  // namespace
 
-namespace zanth {
-
-MYSQL* DbConnection::release() {
-  MYSQL* conn = conn_;
-  conn_ = nullptr;
-  return conn;
-}
-
-void DbConnection::reset(MYSQL* conn) {
-  if (conn_ != nullptr) {
-    int saved = errno;
-    mysql_close(conn_);
-    errno = saved;
-  }
-  conn_ = conn;
-}
-
-void DbResult::reset(MYSQL_RES* res) {
-  if (res_ != nullptr) mysql_free_result(res_);
-  res_ = res;
-}
-
-}  // namespace zanth
 
 int db_read_admin_password(char* buf, size_t size, char* err, size_t err_size) {
   zanth::UniqueFile file(std::fopen(kDbAdminPasswordFile, "re"));

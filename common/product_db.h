@@ -11,6 +11,7 @@
 #include <cstddef>
 
 #include "common/fixed_paths.h"
+#include "common/syscall.h"
 
 // The administrator's password is the first line of this root-only file.
 constexpr const char* kDbAdminPasswordFile = zanth::paths::kDbAdminPasswordFile;
@@ -155,35 +156,10 @@ namespace zanth {
 //   DbConnection db(db_connect_setup(err, sizeof err));
 //   if (db.get() == nullptr) { ... report err ... }
 //   const char* quota = db_get_dom_limit(id, "mbox_quota", db.get());
-class DbConnection final {
- public:
-  explicit DbConnection(MYSQL* conn = nullptr) : conn_(conn) {}
-  DbConnection(const DbConnection&) = delete;
-  DbConnection& operator=(const DbConnection&) = delete;
-  ~DbConnection() { reset(); }
-
-  MYSQL* get() const { return conn_; }
-  MYSQL* release();
-  void reset(MYSQL* conn = nullptr);
-
- private:
-  MYSQL* conn_;
-};
+using DbConnection = UniqueHandle<MYSQL, mysql_close>;
 
 // Owns a stored result set; mysql_free_result on destruction.
-class DbResult final {
- public:
-  explicit DbResult(MYSQL_RES* res = nullptr) : res_(res) {}
-  DbResult(const DbResult&) = delete;
-  DbResult& operator=(const DbResult&) = delete;
-  ~DbResult() { reset(); }
-
-  MYSQL_RES* get() const { return res_; }
-  void reset(MYSQL_RES* res = nullptr);
-
- private:
-  MYSQL_RES* res_;
-};
+using DbResult = UniqueHandle<MYSQL_RES, mysql_free_result>;
 
 }  // namespace zanth
 

@@ -1,16 +1,19 @@
 // Small shared helpers for system calls: the EINTR retry loop, path
-// formatting into fixed 4096-byte buffers, and owners for descriptors,
-// FILE* and DIR* handles. Header-only; nothing here reports by itself.
+// formatting into fixed 4096-byte buffers, the errno saver, and owners for
+// descriptors and for FILE*, DIR*, popen, dlopen and malloc'ed handles.
+// Header-only; nothing here reports by itself.
 #ifndef MXKEEP_COMMON_SYSCALL_H
 #define MXKEEP_COMMON_SYSCALL_H
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 
 namespace zanth {
 
@@ -40,9 +43,29 @@ inline bool path_format(char* buf, size_t size, const char* format, ...) {
   return n > 0 && static_cast<size_t>(n) < size;
 }
 
+// Puts errno back to its value at construction when the scope ends, so
+// that clean-up (a close, an unlink, a log line) leaves the caller the
+// first cause:
+//
+//   ErrnoSaver keep;
+//   ::close(fd);   // errno is the failure being reported, not close's
+class ErrnoSaver final {
+ public:
+  ErrnoSaver() noexcept : saved_(errno) {}
+  ~ErrnoSaver() { errno = saved_; }
+  ErrnoSaver(const ErrnoSaver&) = delete;
+  ErrnoSaver& operator=(const ErrnoSaver&) = delete;
+
+  // The errno value kept.
+  int value() const noexcept { return saved_; }
+
+ private:
+  const int saved_;
+};
+
 // Owns an open descriptor; closes it on destruction (a close error there has
 // nobody to report to and is ignored). errno is preserved.
-class UniqueFd {
+class UniqueFd final {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
@@ -63,9 +86,8 @@ class UniqueFd {
   }
   void reset(int fd = -1) {
     if (fd_ >= 0) {
-      int saved = errno;
+      ErrnoSaver keep;
       ::close(fd_);
-      errno = saved;
     }
     fd_ = fd;
   }
@@ -74,47 +96,51 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-// Owns a FILE*; fclose on destruction, errno preserved.
-class UniqueFile {
+// Owns a pointer handed out by a C library and gives it back with Release
+// on destruction. What Release returns is ignored: at that point there is
+// nobody to tell, and errno stays what it was. Callers that want the result
+// (pclose's exit status, fclose after writing) release() and call it
+// themselves.
+//
+//   UniqueFile file(std::fopen(path, "re"));
+//   if (!file) return -1;
+template <class T, auto Release>
+class UniqueHandle final {
  public:
-  explicit UniqueFile(FILE* f = nullptr) : f_(f) {}
-  UniqueFile(const UniqueFile&) = delete;
-  UniqueFile& operator=(const UniqueFile&) = delete;
-  ~UniqueFile() { reset(); }
-  FILE* get() const { return f_; }
-  void reset(FILE* f = nullptr) {
-    if (f_ != nullptr) {
-      int saved = errno;
-      std::fclose(f_);
-      errno = saved;
+  explicit UniqueHandle(T* handle = nullptr) noexcept : handle_(handle) {}
+  UniqueHandle(UniqueHandle&& other) noexcept : handle_(other.release()) {}
+  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+  }
+  UniqueHandle(const UniqueHandle&) = delete;
+  UniqueHandle& operator=(const UniqueHandle&) = delete;
+  ~UniqueHandle() { reset(); }
+
+  T* get() const noexcept { return handle_; }
+  explicit operator bool() const noexcept { return handle_ != nullptr; }
+  T* release() noexcept {
+    T* handle = handle_;
+    handle_ = nullptr;
+    return handle;
+  }
+  void reset(T* handle = nullptr) noexcept {
+    if (handle_ != nullptr) {
+      ErrnoSaver keep;
+      (void)Release(handle_);
     }
-    f_ = f;
+    handle_ = handle;
   }
 
  private:
-  FILE* f_;
+  T* handle_;
 };
 
-// Owns a DIR*; closedir on destruction, errno preserved.
-class UniqueDir {
- public:
-  explicit UniqueDir(DIR* d = nullptr) : d_(d) {}
-  UniqueDir(const UniqueDir&) = delete;
-  UniqueDir& operator=(const UniqueDir&) = delete;
-  ~UniqueDir() { reset(); }
-  DIR* get() const { return d_; }
-  void reset(DIR* d = nullptr) {
-    if (d_ != nullptr) {
-      int saved = errno;
-      ::closedir(d_);
-      errno = saved;
-    }
-    d_ = d;
-  }
-
- private:
-  DIR* d_;
-};
+using UniqueFile = UniqueHandle<FILE, std::fclose>;         // fopen, fdopen
+using UniquePipeStream = UniqueHandle<FILE, ::pclose>;      // popen
+using UniqueDir = UniqueHandle<DIR, ::closedir>;            // opendir, fdopendir
+using UniqueLibrary = UniqueHandle<void, ::dlclose>;        // dlopen
+using UniqueCString = UniqueHandle<char, std::free>;        // malloc, strdup, getline
 
 }  // namespace zanth
 

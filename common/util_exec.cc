@@ -23,7 +23,6 @@
 
 namespace {
 
-constexpr int kFatal = 1;            // report_error status that ends the process
 constexpr int kReportOnly = 0;       // report_error status that returns
 constexpr size_t kCaptureStep = 4096;
 constexpr int kQuietPollMs = 1000;   // silence after which the child is polled
@@ -76,28 +75,26 @@ struct Capture {
   size_t size = 0;
 };
 
-// drain_step - one read from a ready pipe into `cap`; closes `fd` and sets
-// it to -1 at end of file or on a read error.
-void drain_step(int& fd, Capture& cap) {
+// drain_step - one read from a ready pipe into `cap`; closes `fd` at end of
+// file or on a read error.
+void drain_step(zanth::UniqueFd& fd, Capture& cap) {
   if (cap.size - cap.used < 2) {
     char* bigger = static_cast<char*>(std::realloc(cap.data, cap.size + kCaptureStep));
-    if (bigger == nullptr) report_error(kFatal, 0, "Cannot allocate memory");
+    if (bigger == nullptr) report_fatal("Cannot allocate memory");
     cap.data = bigger;
     cap.size += kCaptureStep;
   }
   ssize_t n = zanth::retryEintr(
-      [&] { return ::read(fd, cap.data + cap.used, cap.size - cap.used - 1); });
+      [&] { return ::read(fd.get(), cap.data + cap.used, cap.size - cap.used - 1); });
   if (n > 0) {
     cap.used += static_cast<size_t>(n);
   } else if (n == 0) {
-    ::close(fd);
-    fd = -1;
+    fd.reset();
   } else if (errno == EAGAIN) {
     errno = 0;
   } else {
     std::fprintf(stderr, "fork_exec*: read(pipe) failed: %s\n", std::strerror(errno));
-    ::close(fd);
-    fd = -1;
+    fd.reset();
     errno = 0;
   }
 }
@@ -126,7 +123,7 @@ int run_utility(char* path, va_list args) {
 
 pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const argv[]) {
   pid_t pid = ::fork();
-  if (pid < 0) report_error(kFatal, 0, "fork_execv_pipes: fork() failed");
+  if (pid < 0) report_fatal("fork_execv_pipes: fork() failed");
   if (pid != 0) return pid;
 
   const int wanted[3] = {in, out, err};
@@ -152,15 +149,20 @@ int fork_execv_getouterr(char** out, char** err, const char* path, char* const a
   int out_pipe[2];
   int err_pipe[2];
   if (::pipe(out_pipe) != 0 || ::pipe(err_pipe) != 0)
-    report_error(kFatal, 0, "fork_execv_getouterr: pipe() failed");
+    report_fatal("fork_execv_getouterr: pipe() failed");
   for (int fd : {out_pipe[0], err_pipe[0]}) {
     if (zanth::setNonBlocking(fd) != 0)
-      report_error(kFatal, 0, "fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
+      report_fatal("fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
   }
 
-  pid_t pid = fork_execv_pipes(STDIN_FILENO, out_pipe[1], err_pipe[1], path, argv);
-  ::close(out_pipe[1]);
-  ::close(err_pipe[1]);
+  zanth::UniqueFd fds[2] = {zanth::UniqueFd(out_pipe[0]), zanth::UniqueFd(err_pipe[0])};
+  pid_t pid;
+  {
+    // The child's ends: gone from here once it has them.
+    const zanth::UniqueFd out_write(out_pipe[1]);
+    const zanth::UniqueFd err_write(err_pipe[1]);
+    pid = fork_execv_pipes(STDIN_FILENO, out_write.get(), err_write.get(), path, argv);
+  }
   // A failing program is no system error: whatever errno held before must
   // not be appended to the report of its output.
   errno = 0;
@@ -169,12 +171,11 @@ int fork_execv_getouterr(char** out, char** err, const char* path, char* const a
   // cannot block while the other is waited on. When the child has gone
   // quiet for a while it is polled, so that a descendant still holding the
   // pipes open cannot keep the caller waiting after the child has ended.
-  int fds[2] = {out_pipe[0], err_pipe[0]};
   Capture caps[2];
   bool reaped = false;
   int result = -1;
-  while (fds[0] >= 0 || fds[1] >= 0) {
-    struct pollfd ready[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
+  while (fds[0].get() >= 0 || fds[1].get() >= 0) {
+    struct pollfd ready[2] = {{fds[0].get(), POLLIN, 0}, {fds[1].get(), POLLIN, 0}};
     int n = ::poll(ready, 2, kQuietPollMs);
     if (n < 0) {
       if (errno == EINTR) {
@@ -194,12 +195,10 @@ int fork_execv_getouterr(char** out, char** err, const char* path, char* const a
       break;
     }
     for (int i = 0; i < 2; ++i) {
-      if (fds[i] >= 0 && ready[i].revents != 0) drain_step(fds[i], caps[i]);
+      if (fds[i].get() >= 0 && ready[i].revents != 0) drain_step(fds[i], caps[i]);
     }
   }
-  for (int fd : fds) {
-    if (fd >= 0) ::close(fd);
-  }
+  for (zanth::UniqueFd& fd : fds) fd.reset();
   if (!reaped) {
     int status = 0;
     pid_t gone = zanth::retryEintr([&] { return ::waitpid(pid, &status, WUNTRACED); });
@@ -283,21 +282,23 @@ int util_exec(int in, int out, const char* path, char* const argv[]) {
   }
   int err_pipe[2];
   if (::pipe(err_pipe) != 0)
-    report_error(kFatal, 0, "Error occured during pipe():\n%s", std::strerror(errno));
+    report_fatal("Error occured during pipe():\n%s", std::strerror(errno));
+  zanth::UniqueFd err_read(err_pipe[0]);
+  zanth::UniqueFd err_write(err_pipe[1]);
   // The child may come back into the caller's code (below): nothing the
   // caller has buffered may be written twice.
   std::fflush(nullptr);
   pid_t pid = ::fork();
-  if (pid < 0) report_error(kFatal, 0, "Error occured during fork():\n%s", std::strerror(errno));
+  if (pid < 0) report_fatal("Error occured during fork():\n%s", std::strerror(errno));
 
   if (pid == 0) {
     ::close(STDIN_FILENO);
     ::close(STDOUT_FILENO);
     ::close(STDERR_FILENO);
-    ::close(err_pipe[0]);
+    err_read.reset();
     ::dup2(in, STDIN_FILENO);
     ::dup2(out, STDOUT_FILENO);
-    ::dup2(err_pipe[1], STDERR_FILENO);
+    ::dup2(err_write.get(), STDERR_FILENO);
     int result = ::execv(path, argv);
     int cause = errno;
     // One write, so that the parent reports the message as one block.
@@ -306,21 +307,20 @@ int util_exec(int in, int out, const char* path, char* const argv[]) {
                                    "util_exec(path, arg1, arg2, NULL) call.\n"
                                  : ".\n");
     std::fflush(stderr);
-    ::close(err_pipe[1]);
-    return result;
+    return result;  // err_write is closed on the way out
   }
 
-  ::close(err_pipe[1]);
+  err_write.reset();
   errno = 0;
   char block[kErrorBlock + 1];
   for (;;) {
-    ssize_t n = zanth::retryEintr([&] { return ::read(err_pipe[0], block, kErrorBlock); });
+    ssize_t n = zanth::retryEintr([&] { return ::read(err_read.get(), block, kErrorBlock); });
     if (n <= 0) break;
     block[n] = '\0';
     report_error(kReportOnly, 0, "%s", block);
     std::fflush(stderr);
   }
-  ::close(err_pipe[0]);
+  err_read.reset();
   errno = 0;
 
   int status = 0;
@@ -348,7 +348,7 @@ int exec_silent(const char* path, ...) {
   va_end(args);
 
   pid_t pid = ::fork();
-  if (pid < 0) report_error(kFatal, 0, "exec_silent: fork() failed");
+  if (pid < 0) report_fatal("exec_silent: fork() failed");
   if (pid == 0) {
     ::close(STDIN_FILENO);
     ::close(STDOUT_FILENO);
@@ -364,40 +364,40 @@ int exec_silent(const char* path, ...) {
 
 int popen_exec(const char* command, char** out) {
   *out = nullptr;
-  FILE* stream = ::popen(command, "re");
-  if (stream == nullptr) {
+  zanth::UniquePipeStream stream(::popen(command, "re"));
+  if (!stream) {
     std::fputs("popen_exec: failed to execute command: fork or pipe calls failed, or cannon allocate "
                "memory\n",
                stderr);
     return -1;
   }
   size_t size = kCaptureStep + 1;
-  char* buffer = static_cast<char*>(std::malloc(size));
-  if (buffer == nullptr) {
+  zanth::UniqueCString buffer(static_cast<char*>(std::malloc(size)));
+  if (!buffer) {
     std::fputs("popen_exec: failed to allocate memory\n", stderr);
-    ::pclose(stream);
-    return -1;
+    return -1;  // the owner waits for the command
   }
   size_t used = 0;
   int c;
-  while ((c = std::fgetc(stream)) != EOF) {
+  while ((c = std::fgetc(stream.get())) != EOF) {
     if (used == size - 1) {
-      char* bigger = static_cast<char*>(std::realloc(buffer, size + kCaptureStep));
+      char* bigger = static_cast<char*>(std::realloc(buffer.get(), size + kCaptureStep));
       if (bigger == nullptr) {
         std::fputs("popen_exec: warning: failed to allocate memory for command output buffer\n",
                    stderr);
-        std::free(buffer);
-        buffer = nullptr;
+        buffer.reset();
         break;
       }
-      buffer = bigger;
+      (void)buffer.release();  // moved by realloc
+      buffer.reset(bigger);
       size += kCaptureStep;
     }
-    buffer[used++] = static_cast<char>(c);
+    buffer.get()[used++] = static_cast<char>(c);
   }
-  if (buffer != nullptr) buffer[used] = '\0';
-  int status = ::pclose(stream);
-  *out = buffer;
+  if (buffer) buffer.get()[used] = '\0';
+  // The exit status is the result: pclose is called here, not by the owner.
+  int status = ::pclose(stream.release());
+  *out = buffer.release();
   return status == -1 ? -1 : (status >> 8) & 0xff;
 }
 

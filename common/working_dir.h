@@ -24,11 +24,10 @@ class WorkingDirectoryGuard final {
   WorkingDirectoryGuard() : saved_(::getcwd(path_, sizeof path_) != nullptr) {}
   ~WorkingDirectoryGuard() {
     if (!saved_) return;
-    const int saved_errno = errno;
+    ErrnoSaver keep;
     // A directory that cannot be re-entered leaves the caller where the
     // work was done; there is no one to tell from here.
     (void)retryEintr([&] { return ::chdir(path_); });
-    errno = saved_errno;
   }
   WorkingDirectoryGuard(const WorkingDirectoryGuard&) = delete;
   WorkingDirectoryGuard& operator=(const WorkingDirectoryGuard&) = delete;

@@ -10,11 +10,12 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
+#include "common/syscall.h"
 #include "mail/handlers/handler_store.h"
 
 namespace {
 
-using zanth::handlers::OwnedString;
+using OwnedString = zanth::UniqueCString;
 
 constexpr size_t kMaxNames = 8;
 
@@ -26,8 +27,8 @@ bool checkParts(const std::string& name) {
   OwnedString tmpl(handler_template(name.c_str()));
   const size_t first = name.find('-'), last = name.rfind('-');
   const bool splits = first != std::string::npos && last > first + 1;
-  FUZZ_REQUIRE((priority != nullptr) == splits, name);
-  FUZZ_REQUIRE((tmpl != nullptr) == splits, name);
+  FUZZ_REQUIRE((priority.get() != nullptr) == splits, name);
+  FUZZ_REQUIRE((tmpl.get() != nullptr) == splits, name);
   if (!splits) return false;
   FUZZ_REQUIRE(name.compare(0, first, priority.get()) == 0 &&
                    std::strlen(priority.get()) == first, name);

@@ -41,11 +41,10 @@ ProcessSetCatcher::~ProcessSetCatcher() {
       errorStream << "ProcessSetCatcher: " << e.what() << std::endl;
     }
   }
-  int saved = errno;
+  ErrnoSaver keep;
   // Errors closing here have nobody to go to.
   if (readFd_ >= 0) ::close(readFd_);
   if (writeFd_ >= 0) ::close(writeFd_);
-  errno = saved;
 }
 
 void ProcessSetCatcher::install() {
@@ -71,9 +70,8 @@ void ProcessSetCatcher::install() {
     if (setNonBlocking(readFd_) != 0 || setNonBlocking(writeFd_) != 0)
       throw SystemError("control pipe fcntl");
   } catch (...) {
-    int saved = errno;
+    ErrnoSaver keep;
     ::sigaction(SIGCHLD, &saved_, nullptr);
-    errno = saved;
     throw;
   }
 
@@ -90,12 +88,12 @@ void ProcessSetCatcher::registerChild(pid_t pid) {
 }
 
 size_t ProcessSetCatcher::drain() {
-  int saved = errno;
+  // The pipe is non-blocking: the read that ends the loop fails with
+  // EAGAIN, which is no news to the caller.
+  ErrnoSaver keep;
   size_t count = 0;
   char byte;
-  ssize_t n;
-  while ((n = retryEintr([&] { return ::read(readFd_, &byte, 1); })) > 0) ++count;
-  if (n < 0) errno = saved;
+  while (retryEintr([&] { return ::read(readFd_, &byte, 1); }) > 0) ++count;
   return count;
 }
 
@@ -125,9 +123,8 @@ void ProcessSetCatcher::closeSelfPipe() {
 void ProcessSetCatcher::onChildSignal(int, siginfo_t*, void*) {
   ProcessSetCatcher* self = g_installed.load();
   if (self == nullptr) return;
-  int saved = errno;
+  ErrnoSaver keep;
   self->collect();
-  errno = saved;
 }
 
 void ProcessSetCatcher::collect() {
@@ -176,9 +173,8 @@ void SignalMaskGuard::restore() {
 }
 
 void SignalMaskGuard::restoreQuietly() noexcept {
-  int saved = errno;
+  ErrnoSaver keep;
   retryEintr([&] { return ::sigprocmask(SIG_SETMASK, &mask_, nullptr); });
-  errno = saved;
   saved_ = false;
 }
 

@@ -23,7 +23,7 @@ namespace {
 
 constexpr mode_t kLockFileMode = 0644;
 constexpr mode_t kSemFileMode = 0600;
-constexpr int kExitFailure = 1;
+constexpr char kSemFailed[] = "%s() failed for semnum %ld: %s";
 
 // The semaphore file of this process, -1 while closed.
 int g_sem_fd = -1;
@@ -54,9 +54,10 @@ const char* lock_file_path(const char* name, int hashed, char* buf, size_t size)
 // set) when no other descriptor can be had.
 bool move_above_standard(int& fd) {
   int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-  int saved = errno;
-  close(fd);
-  errno = saved;
+  {
+    zanth::ErrnoSaver keep;
+    close(fd);
+  }
   fd = moved;
   return moved >= 0;
 }
@@ -89,9 +90,9 @@ LockHandle* lock_file(const char* name, int hashed, int operation) {
     return open(handle->path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kLockFileMode);
   });
   if (handle->fd < 0) {
-    int saved = errno;
-    report_error(0, 0, "Unable to open file \"%s\": %s.", handle->path, std::strerror(saved));
-    errno = saved;
+    zanth::ErrnoSaver keep;
+    report_error(0, 0, "Unable to open file \"%s\": %s.", handle->path,
+                 std::strerror(keep.value()));
     return handle;
   }
   if (handle->fd < 3 && !move_above_standard(handle->fd)) {
@@ -99,25 +100,17 @@ LockHandle* lock_file(const char* name, int hashed, int operation) {
     return handle;
   }
   if (wait_for_flock(handle->fd, operation) != 0) {
-    int saved = errno;
+    zanth::ErrnoSaver keep;
     close(handle->fd);
-    handle->fd = saved == EAGAIN ? 0 : -1;
-    errno = saved;
+    handle->fd = keep.value() == EAGAIN ? 0 : -1;
   }
   return handle;
-}
-
-[[noreturn]] void sem_failure(const char* function, long semnum) {
-  report_error(kExitFailure, 1, "%s() failed for semnum %ld: %s", function, semnum,
-               std::strerror(errno));
-  std::abort();  // not reached: a non-zero status exits
 }
 
 void check_semnum(const char* function, long semnum) {
   if (semnum >= 0) return;
   errno = 0;  // not a system error
-  report_error(kExitFailure, 1, "%s() failed for semnum %ld: semnum must not be negative",
-               function, semnum);
+  report_fatal("%s() failed for semnum %ld: semnum must not be negative", function, semnum);
 }
 
 // sem_record - set one byte's record lock; fcntl's result.
@@ -158,9 +151,8 @@ void lock_file_release(LockHandle* handle) {
   if (handle == nullptr) return;
   if (handle->fd > 0) {
     // Closing drops the lock; an error here leaves nothing to undo.
-    int saved = errno;
+    zanth::ErrnoSaver keep;
     close(handle->fd);
-    errno = saved;
   }
   std::free(handle->path);
   std::free(handle);
@@ -172,7 +164,7 @@ void utilities_sem_init() {
   char path[zanth::kPathMax];
   if (!zanth::path_format(path, sizeof path, "%s/var/utilities.sem", root)) {
     errno = 0;
-    report_error(kExitFailure, 1, "semaphore file path under %s is too long", root);
+    report_fatal("semaphore file path under %s is too long", root);
   }
   auto open_sem = [&] {
     return zanth::retryEintr([&] { return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kSemFileMode); });
@@ -186,26 +178,27 @@ void utilities_sem_init() {
     fd = open_sem();
   }
   if (fd < 0)
-    report_error(kExitFailure, 1, "failed to open semaphore file %s: %s", path,
-                 std::strerror(errno));
+    report_fatal("failed to open semaphore file %s: %s", path, std::strerror(errno));
   g_sem_fd = fd;
 }
 
 void sem_lock(long semnum) {
   check_semnum("sem_lock", semnum);
-  if (sem_record(semnum, F_WRLCK, F_SETLKW) != 0) sem_failure("sem_lock", semnum);
+  if (sem_record(semnum, F_WRLCK, F_SETLKW) != 0)
+    report_fatal(kSemFailed, "sem_lock", semnum, std::strerror(errno));
 }
 
 int sem_trylock(long semnum) {
   check_semnum("sem_trylock", semnum);
   if (sem_record(semnum, F_WRLCK, F_SETLK) == 0) return 0;
   if (errno == EACCES || errno == EAGAIN) return -1;
-  sem_failure("sem_trylock", semnum);
+  report_fatal(kSemFailed, "sem_trylock", semnum, std::strerror(errno));
 }
 
 void sem_unlock(long semnum) {
   check_semnum("sem_unlock", semnum);
-  if (sem_record(semnum, F_UNLCK, F_SETLK) != 0) sem_failure("sem_unlock", semnum);
+  if (sem_record(semnum, F_UNLCK, F_SETLK) != 0)
+    report_fatal(kSemFailed, "sem_unlock", semnum, std::strerror(errno));
 }
 
 void shutdown_sem() {
@@ -213,8 +206,7 @@ void shutdown_sem() {
   int fd = g_sem_fd;
   g_sem_fd = -1;
   if (close(fd) != 0)
-    report_error(kExitFailure, 1, "shutdown_sem(): failed to close semaphore file: %s",
-                 std::strerror(errno));
+    report_fatal("shutdown_sem(): failed to close semaphore file: %s", std::strerror(errno));
 }
 
 namespace zanth {

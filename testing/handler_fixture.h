@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/syscall.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
 #include "testing/log_capture.h"
@@ -19,7 +20,7 @@ const std::string kRefreshLog = "/run/handlers-refresh.log";
 
 // Takes ownership of a string the store returns; "<null>" for none.
 inline std::string str(char* owned) {
-  zanth::handlers::OwnedString holder(owned);
+  zanth::UniqueCString holder(owned);
   return holder ? holder.get() : "<null>";
 }
 
@@ -37,7 +38,7 @@ class HandlerStore : public ::testing::Test {
   // Adds a switched-on handler with context "ctx" on hook smtp; its name.
   static std::string add(const char* type, const char* target, const char* tmpl = "spam",
                          const char* priority = "10", const char* program = "/bin/true") {
-    EXPECT_EQ(0, handler_add(tmpl, type, target, program, "ctx", "smtp", priority, 2));
+    EXPECT_EQ(0, handler_add(tmpl, type, target, program, "ctx", "smtp", priority, kHandlerSwitchOn));
     return str(handler_find(tmpl, type, target, "smtp"));
   }
   // The named parameter files of a handler, one after the other.

@@ -32,6 +32,8 @@ virtual_minimum_uid = $uid
 default_transport = error:this host delivers no mail to other hosts
 relay_transport = error:this host delivers no mail to other hosts
 CF
+  # Postfix's programs wait while main.cf is younger than a second or two.
+  touch -d '-1 hour' /etc/postfix/main.cf
   # Only the services local submission and delivery need: no smtpd, no
   # listener on any network, nothing run in a chroot.
   cat > /etc/postfix/master.cf <<'CF'

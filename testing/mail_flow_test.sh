@@ -30,7 +30,7 @@ for box in example.org/info other.example/boss; do
   install -d -o popuser -g popuser -m 0700 "$names/$box" "$names/$box/Maildir" \
     "$names/$box/Maildir/new" "$names/$box/Maildir/cur" "$names/$box/Maildir/tmp"
 done
-sqlite3 $maps/passwd.db < "$here/../scripts/demo-authdb.sql" || exit 1
+"$build/mxkeep_demo_seed" || exit 1  # the authentication database, made by the library
 install -d /var/lib/zanth/mail
 printf 'example.org\nother.example\n' > /var/lib/zanth/mail/local_domains
 

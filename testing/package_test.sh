@@ -54,7 +54,7 @@ printf 'info@example.org example.org/info/\n' > $maps/vmailbox
 for m in virtual_domains virtual vmailbox; do postmap "hash:$maps/$m" && rm "$maps/$m"; done
 install -d -o root -g popuser -m 0750 /var/qmail/mailnames/example.org
 install -d -o popuser -g popuser -m 0700 /var/qmail/mailnames/example.org/info
-sqlite3 $maps/passwd.db < "$here/../scripts/demo-authdb.sql"
+"$here/../build/plain/mxkeep_demo_seed"  # the authentication database, made by the library
 install -d /var/lib/zanth/mail
 printf 'example.org\nother.example\n' > /var/lib/zanth/mail/local_domains
 check "installed tool renames" /usr/sbin/mxkeep_domain_rename example.org example.net

@@ -30,8 +30,12 @@ make_layout() {
   mkdir -p /var/lock/files
   mkdir -p /etc/postfix /etc/orb /opt/orb/handlers/info \
            /usr/lib/zanth-9.0/domain_rename /var/spool/postfix/zanth
-  [ -f /etc/postfix/main.cf ] ||
+  # Postfix's programs wait, in steps of 300 ms for up to about 2 s, while
+  # main.cf is younger than a second or two; a sandbox's is written just now.
+  if [ ! -f /etc/postfix/main.cf ]; then
     printf '# sandbox: postmap needs a main.cf\ncompatibility_level = 3.6\n' > /etc/postfix/main.cf
+    touch -d '-1 hour' /etc/postfix/main.cf
+  fi
   install -d -o popuser -g popuser -m 0751 /var/qmail /var/qmail/mailnames
 }
 

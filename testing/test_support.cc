@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,6 +21,38 @@
 
 namespace testing_support {
 
+namespace {
+
+// Blocks SIGPIPE in the calling thread while a child's input is fed, and
+// discards the one a child that stopped reading raised, so that the test
+// process's own disposition is never changed.
+class PipeSignalHeld {
+ public:
+  PipeSignalHeld() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+    sigset_t pending;
+    sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
+  }
+  ~PipeSignalHeld() {
+    const timespec now{0, 0};
+    if (!wasPending_)
+      while (sigtimedwait(&pipe_, nullptr, &now) == SIGPIPE) {
+      }
+    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+  }
+  PipeSignalHeld(const PipeSignalHeld&) = delete;
+  PipeSignalHeld& operator=(const PipeSignalHeld&) = delete;
+
+ private:
+  sigset_t pipe_, saved_;
+  bool wasPending_ = false;
+};
+
+}  // namespace
+
 bool RunResult::exited() const { return WIFEXITED(status); }
 
 int RunResult::exitCode() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
@@ -35,6 +68,7 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::string& in
     dup2(out[1], 1);
     dup2(err[1], 2);
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) close(fd);
+    signal(SIGPIPE, SIG_DFL);  // whatever the test process has
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
@@ -44,7 +78,7 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::string& in
   close(in[0]);
   close(out[1]);
   close(err[1]);
-  signal(SIGPIPE, SIG_IGN);
+  const PipeSignalHeld held;
   return collectChild(pid, in[1], out[0], err[0], input);
 }
 

@@ -7,13 +7,13 @@
 #include <pwd.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "common/file_util.h"
 #include "common/fixed_paths.h"
@@ -60,31 +60,13 @@ constexpr size_t kFeatureKeyLen = sizeof kFeatureKey - 1;
 static_assert(kFeatureKeyLen == 24, "the key must be compared in full");
 constexpr char kQuotes[] = "'\"";
 
-using CharPtr = std::unique_ptr<char, decltype(&std::free)>;
-
-// Owns the read end of a popen'ed command; pclose's status is of no use
-// to the caller, so it is dropped.
-class PipeReader {
- public:
-  explicit PipeReader(FILE* f) : f_(f) {}
-  PipeReader(const PipeReader&) = delete;
-  PipeReader& operator=(const PipeReader&) = delete;
-  ~PipeReader() {
-    if (f_ != nullptr) pclose(f_);
-  }
-  FILE* get() const { return f_; }
-
- private:
-  FILE* const f_;
-};
-
 // parent_dir - dirname of a copy of path, kept alive in *copy; null, with
 // the allocation failure logged, when the copy cannot be made.
-const char* parent_dir(const char* path, CharPtr* copy) {
+const char* parent_dir(const char* path, zanth::UniqueCString* copy) {
   copy->reset(strdup(path));
-  if (*copy == nullptr) {
+  if (!*copy) {
     errno = ENOMEM;
-    mail_log(2, "Memory allocation error");
+    mail_log(LOG_CRIT, "Memory allocation error");
     return nullptr;
   }
   return dirname(copy->get());
@@ -93,15 +75,15 @@ const char* parent_dir(const char* path, CharPtr* copy) {
 // make_parent_dirs - create the directory that is to hold path, with its
 // missing ancestors.
 int make_parent_dirs(const char* path) {
-  CharPtr copy(nullptr, &std::free);
+  zanth::UniqueCString copy;
   const char* dir = parent_dir(path, &copy);
-  if (copy == nullptr) return -1;
+  if (!copy) return -1;
   if (dir == nullptr) {
-    mail_log(2, "dirname(%s) failed: %s", path, std::strerror(errno));
+    mail_log(LOG_CRIT, "dirname(%s) failed: %s", path, std::strerror(errno));
     return -1;
   }
   if (make_dirs(dir) == 0) {
-    mail_log(2, "recursive mkdir(%s) failed: %s", dir, std::strerror(errno));
+    mail_log(LOG_CRIT, "recursive mkdir(%s) failed: %s", dir, std::strerror(errno));
     return -1;
   }
   return 0;
@@ -113,7 +95,7 @@ int style_of_line(const char* line) {
   const char* open = std::strpbrk(line + kFeatureKeyLen, kQuotes);
   const char* close = open != nullptr ? std::strpbrk(open + 1, kQuotes) : nullptr;
   if (close == nullptr) {
-    mail_log(6, "Unparseable line \"%s\", skipped", line);
+    mail_log(LOG_INFO, "Unparseable line \"%s\", skipped", line);
     return -1;
   }
   const char* value = open + 1;
@@ -125,7 +107,7 @@ int style_of_line(const char* line) {
     if (strncasecmp(value, "postfix", n) == 0) return kMailStylePostfix;
     if (strncasecmp(value, "qmail", n) == 0) return kMailStyleQmail;
   }
-  mail_log(6, "Unknown server style \"%.*s\", skipped", n < 0 ? 0 : n, value);
+  mail_log(LOG_INFO, "Unknown server style \"%.*s\", skipped", n < 0 ? 0 : n, value);
   return -1;
 }
 
@@ -145,12 +127,13 @@ int mail_auth_detect_style() {
   const char* root = orb_conf_get_default(PRODUCT_ROOT_D);
   char command[zanth::kPathMax];
   if (!zanth::path_format(command, sizeof command, "%s/admin/sbin/mxkeep --features", root)) {
-    mail_log(3, "path to mxkeep is too long, check PRODUCT_ROOT_D (%s)", root);
+    mail_log(LOG_ERR, "path to mxkeep is too long, check PRODUCT_ROOT_D (%s)", root);
     return -1;
   }
-  PipeReader pipe(popen(command, "re"));
+  // The command's exit status is of no use here: only its output counts.
+  zanth::UniquePipeStream pipe(popen(command, "re"));
   if (pipe.get() == nullptr) {
-    mail_log(3, "unable to execute %s: %s", command, std::strerror(errno));
+    mail_log(LOG_ERR, "unable to execute %s: %s", command, std::strerror(errno));
     return -1;
   }
   return mail_auth_read_features(pipe.get());
@@ -174,7 +157,7 @@ int mail_auth_read_features(FILE* features) {
   }
   std::free(raw);
   if (style == -1)
-    mail_log(6, "Unable to determine mail server type from ``mxkeep --features''");
+    mail_log(LOG_INFO, "Unable to determine mail server type from ``mxkeep --features''");
   return style;
 }
 
@@ -202,9 +185,9 @@ int mail_auth_recreate() {
   int result = 0;
   if (rc != SQLITE_OK) {
     if (message != nullptr)
-      mail_log(3, "Unable to re-create Mail Authentication Database: %s", message);
+      mail_log(LOG_ERR, "Unable to re-create Mail Authentication Database: %s", message);
     else
-      mail_log(3, "Unable to re-create Mail Authentication Database");
+      mail_log(LOG_ERR, "Unable to re-create Mail Authentication Database");
     result = -1;
   }
   sqlite3_free(message);
@@ -222,7 +205,8 @@ int mail_auth_init(int style) {
     errno = 0;
     const struct passwd* pw = getpwnam(kPostfixUser);
     if (pw == nullptr) {
-      mail_log(2, "Unable to get user id for \"%s\": %s", kPostfixUser, std::strerror(errno));
+      mail_log(LOG_CRIT, "Unable to get user id for \"%s\": %s", kPostfixUser,
+               std::strerror(errno));
       return -1;
     }
     uid = pw->pw_uid;
@@ -232,30 +216,32 @@ int mail_auth_init(int style) {
 
 int mail_auth_set_permissions(uid_t uid, gid_t gid, mode_t dir_mode, mode_t file_mode) {
   const char* path = mail_auth_db_path;
-  CharPtr copy(nullptr, &std::free);
+  zanth::UniqueCString copy;
   const char* dir = parent_dir(path, &copy);
   if (dir == nullptr) return -1;
   if (dir[0] != '/' || dir[1] == '\0') {
-    mail_log(2, "Invalid mail authentication DB path %s", path);
+    mail_log(LOG_CRIT, "Invalid mail authentication DB path %s", path);
     return -1;
   }
   const int log_uid = static_cast<int>(uid);
   const int log_gid = static_cast<int>(gid);
   if (chown(dir, uid, gid) != 0) {
-    mail_log(2, "chown(\"%s\", %d, %d) failed: %s", dir, log_uid, log_gid, std::strerror(errno));
+    mail_log(LOG_CRIT, "chown(\"%s\", %d, %d) failed: %s", dir, log_uid, log_gid,
+             std::strerror(errno));
     return -1;
   }
   if (chmod(dir, dir_mode) != 0) {
-    mail_log(2, "chmod(\"%s\", %04o) failed: %s", dir, dir_mode, std::strerror(errno));
+    mail_log(LOG_CRIT, "chmod(\"%s\", %04o) failed: %s", dir, dir_mode, std::strerror(errno));
     return -1;
   }
   if (chown(path, uid, gid) != 0) {
-    mail_log(2, "chown(\"%s\", %d, %d) failed: %s", path, log_uid, log_gid, std::strerror(errno));
+    mail_log(LOG_CRIT, "chown(\"%s\", %d, %d) failed: %s", path, log_uid, log_gid,
+             std::strerror(errno));
     return -1;
   }
   if (chmod(path, file_mode) != 0) {
     // The directory's mode is printed here, as this message always has.
-    mail_log(2, "chmod(\"%s\", %04o) failed: %s", path, dir_mode, std::strerror(errno));
+    mail_log(LOG_CRIT, "chmod(\"%s\", %04o) failed: %s", path, dir_mode, std::strerror(errno));
     return -1;
   }
   return 0;

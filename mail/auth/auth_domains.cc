@@ -11,10 +11,10 @@ namespace {
 
 using zanth::SqliteDb;
 using zanth::SqliteStatement;
+using zanth::kAuthOpenMessage;
 using zanth::bindInt;
+using zanth::bindLogged;
 using zanth::bindText;
-
-constexpr char kOpenMessage[] = "Unable to open database %s: %s";
 
 constexpr char kRenameDomainSql[] = "UPDATE domains SET name=? WHERE name=?";
 constexpr char kRemoveDomainSql[] = "DELETE FROM domains WHERE name=?";
@@ -31,18 +31,13 @@ constexpr char kBindDomainTwoBlanks[] =
 sqlite3_int64 addDomain(SqliteDb& db, const char* domain, int flags) {
   SqliteStatement stmt;
   if (zanth::prepareLogged(db, stmt, kAddDomainSql) != 0) return -1;
-  if (!bindText(stmt, 1, domain)) {
-    mail_log(3, kBindDomainTwoBlanks, domain, kAddDomainSql, db.errmsg());
-    return -1;
-  }
   const int status = flags != 0 ? 1 : 0;
-  if (!bindInt(stmt, 2, status)) {
-    mail_log(3,
-             "Unable to bind parameter status '%d' for domain '%s' to SQL statement for "
-             "query '%s': %s",
-             status, domain, kAddDomainSql, db.errmsg());
+  if (!bindLogged(db, bindText(stmt, 1, domain), kBindDomainTwoBlanks, domain, kAddDomainSql) ||
+      !bindLogged(db, bindInt(stmt, 2, status),
+                  "Unable to bind parameter status '%d' for domain '%s' to SQL statement for "
+                  "query '%s': %s",
+                  status, domain, kAddDomainSql))
     return -1;
-  }
   if (zanth::runToDone(db, stmt,
                        "Unable to execute the mail domain authentication registration query: "
                        "%s") != 0)
@@ -57,16 +52,14 @@ namespace zanth {
 sqlite3_int64 authDomainId(SqliteDb& db, const char* domain, int flags) {
   SqliteStatement stmt;
   if (prepareLogged(db, stmt, kDomainIdSql) != 0) return -1;
-  if (!bindText(stmt, 1, domain)) {
-    mail_log(3, kBindDomainTwoBlanks, domain, kDomainIdSql, db.errmsg());
+  if (!bindLogged(db, bindText(stmt, 1, domain), kBindDomainTwoBlanks, domain, kDomainIdSql))
     return -1;
-  }
   int rc = stepRetry(db, stmt);
   if (rc == kSqliteRetryAborted) return -1;
   if (rc == SQLITE_ROW) return sqlite3_column_int64(stmt.get(), 0);
   stmt.finalize();
   if (rc != SQLITE_DONE) {
-    mail_log(3, "Unable to execute the domain selection query: %s", db.errmsg());
+    mail_log(LOG_ERR, "Unable to execute the domain selection query: %s", db.errmsg());
     return -1;
   }
   if ((flags & kMailAuthNoCreate) != 0) return -1;
@@ -77,44 +70,36 @@ sqlite3_int64 authDomainId(SqliteDb& db, const char* domain, int flags) {
 
 int mail_auth_rename_domain(const char* old_domain, const char* new_domain) {
   SqliteDb db;
-  if (zanth::openAuthDb(db, mail_auth_db_path, kOpenMessage) != 0) return -1;
-  SqliteStatement stmt;
-  if (zanth::prepareLogged(db, stmt, kRenameDomainSql) != 0) return -1;
-  if (!bindText(stmt, 1, new_domain)) {
-    mail_log(3,
-             "Unable to bind parameter new domain name '%s' to SQL statement for query '%s': %s",
-             new_domain, kRenameDomainSql, db.errmsg());
-    return -1;
-  }
-  if (!bindText(stmt, 2, old_domain)) {
-    mail_log(3,
-             "Unable to bind parameter old domain name '%s' to SQL statement for query '%s': %s",
-             old_domain, kRenameDomainSql, db.errmsg());
-    return -1;
-  }
+  if (zanth::openAuthDb(db, mail_auth_db_path, kAuthOpenMessage) != 0) return -1;
   // The number of changed rows is not looked at: a domain the database
   // does not hold must not stop the rename of everything else.
-  if (zanth::runToDone(db, stmt,
-                       "Unable to execute the mail domain authorization name change query: %s") !=
-      0)
-    return -1;
-  return db.close();
+  return zanth::runAndClose(
+      db, kRenameDomainSql,
+      [&](SqliteStatement& stmt) {
+        return bindLogged(db, bindText(stmt, 1, new_domain),
+                          "Unable to bind parameter new domain name '%s' to SQL statement for "
+                          "query '%s': %s",
+                          new_domain, kRenameDomainSql) &&
+               bindLogged(db, bindText(stmt, 2, old_domain),
+                          "Unable to bind parameter old domain name '%s' to SQL statement for "
+                          "query '%s': %s",
+                          old_domain, kRenameDomainSql);
+      },
+      "Unable to execute the mail domain authorization name change query: %s");
 }
 
 int mail_auth_domain_users(const char* domain, long* users) {
   SqliteDb db;
-  if (zanth::openAuthDb(db, mail_auth_db_path, kOpenMessage, SQLITE_OPEN_READONLY) != 0)
+  if (zanth::openAuthDb(db, mail_auth_db_path, kAuthOpenMessage, SQLITE_OPEN_READONLY) != 0)
     return -1;
   SqliteStatement stmt;
   if (zanth::prepareLogged(db, stmt, kDomainUsersSql) != 0) return -1;
-  if (!bindText(stmt, 1, domain)) {
-    mail_log(3, kBindDomainTwoBlanks, domain, kDomainUsersSql, db.errmsg());
+  if (!bindLogged(db, bindText(stmt, 1, domain), kBindDomainTwoBlanks, domain, kDomainUsersSql))
     return -1;
-  }
   const int rc = zanth::stepRetry(db, stmt);
   if (rc == zanth::kSqliteRetryAborted) return -1;
   if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
-    mail_log(3, "Unable to execute the domain selection query: %s", db.errmsg());
+    mail_log(LOG_ERR, "Unable to execute the domain selection query: %s", db.errmsg());
     return -1;
   }
   const int found = rc == SQLITE_ROW ? 1 : 0;
@@ -125,39 +110,31 @@ int mail_auth_domain_users(const char* domain, long* users) {
 
 int mail_auth_remove_domain(const char* domain) {
   SqliteDb db;
-  if (zanth::openAuthDb(db, mail_auth_db_path, kOpenMessage) != 0) return -1;
-  SqliteStatement stmt;
-  if (zanth::prepareLogged(db, stmt, kRemoveDomainSql) != 0) return -1;
-  if (!bindText(stmt, 1, domain)) {
-    mail_log(3, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s",
-             domain, kRemoveDomainSql, db.errmsg());
-    return -1;
-  }
-  if (zanth::runToDone(db, stmt,
-                       "Unable to execute the domain mail authorization removal query: %s") != 0)
-    return -1;
-  return db.close();
+  if (zanth::openAuthDb(db, mail_auth_db_path, kAuthOpenMessage) != 0) return -1;
+  return zanth::runAndClose(
+      db, kRemoveDomainSql,
+      [&](SqliteStatement& stmt) {
+        return bindLogged(db, bindText(stmt, 1, domain),
+                          "Unable to bind parameter domain name '%s' to SQL statement for query "
+                          "'%s': %s",
+                          domain, kRemoveDomainSql);
+      },
+      "Unable to execute the domain mail authorization removal query: %s");
 }
 
 int mail_auth_set_domain_status(const char* domain, int status) {
   SqliteDb db;
-  if (zanth::openAuthDb(db, mail_auth_db_path, kOpenMessage) != 0) return -1;
-  SqliteStatement stmt;
-  if (zanth::prepareLogged(db, stmt, kDomainStatusSql) != 0) return -1;
-  if (!bindInt(stmt, 1, status)) {
-    mail_log(3, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
-             status, kDomainStatusSql, db.errmsg());
-    return -1;
-  }
-  if (!bindText(stmt, 2, domain)) {
-    mail_log(3, kBindDomainTwoBlanks, domain, kDomainStatusSql, db.errmsg());
-    return -1;
-  }
-  if (zanth::runToDone(db, stmt,
-                       "Unable to execute the mail domain authorization status change query: %s") !=
-      0)
-    return -1;
-  return db.close();
+  if (zanth::openAuthDb(db, mail_auth_db_path, kAuthOpenMessage) != 0) return -1;
+  return zanth::runAndClose(
+      db, kDomainStatusSql,
+      [&](SqliteStatement& stmt) {
+        return bindLogged(db, bindInt(stmt, 1, status),
+                          "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
+                          status, kDomainStatusSql) &&
+               bindLogged(db, bindText(stmt, 2, domain), kBindDomainTwoBlanks, domain,
+                          kDomainStatusSql);
+      },
+      "Unable to execute the mail domain authorization status change query: %s");
 }
 
 int mail_auth_enable_domain(const char* domain) { return mail_auth_set_domain_status(domain, 0); }

@@ -5,6 +5,7 @@
 #include "mail/auth/auth_sqlite.h"
 
 #include "common/mail_log.h"
+#include "common/syscall.h"
 
 namespace zanth {
 namespace {
@@ -16,9 +17,8 @@ bool isBusyOrLocked(int rc) { return rc == SQLITE_BUSY || rc == SQLITE_LOCKED; }
 
 SqliteDb::~SqliteDb() {
   // Nobody is left to hear about a failed close; errno stays the caller's.
-  int saved_errno = errno;
+  zanth::ErrnoSaver keep;
   close();
-  errno = saved_errno;
 }
 
 const char* SqliteDb::errmsg() const {
@@ -62,7 +62,7 @@ bool bindId(SqliteStatement& stmt, int index, sqlite3_int64 id) {
 
 int openAuthDb(SqliteDb& db, const char* path, const char* format, int flags) {
   if (sqlite3_open_v2(path, db.out(), flags, nullptr) != SQLITE_OK) {
-    mail_log(3, format, path, db.errmsg());
+    mail_log(LOG_ERR, format, path, db.errmsg());
     db.close();
     return -1;
   }
@@ -80,7 +80,7 @@ int prepareLogged(SqliteDb& db, SqliteStatement& stmt, const char* sql) {
     return -1;
   }
   if (rc != SQLITE_OK) {
-    mail_log(3, "Unable to prepare SQL statement for query '%s': %s", sql, db.errmsg());
+    mail_log(LOG_ERR, "Unable to prepare SQL statement for query '%s': %s", sql, db.errmsg());
     return -1;
   }
   return 0;
@@ -109,7 +109,7 @@ int runToDone(SqliteDb& db, SqliteStatement& stmt, const char* exec_format) {
   // (a constraint's text) rather than the step's generic error.
   stmt.finalize();
   if (rc != SQLITE_DONE) {
-    mail_log(3, exec_format, db.errmsg());
+    mail_log(LOG_ERR, exec_format, db.errmsg());
     return -1;
   }
   return 0;

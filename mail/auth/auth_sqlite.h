@@ -1,8 +1,8 @@
 // SQLite plumbing of the mail authentication database: owners for the
 // connection and the prepared statement, the retry rule that paces every
 // call which can meet a database locked by another process, and the open,
-// prepare and run steps shared by all operations. Failures are logged once
-// through mail_log; nothing here throws.
+// prepare, bind and run steps shared by all operations. Failures are logged
+// once through mail_log; nothing here throws.
 #ifndef MXKEEP_MAIL_AUTH_AUTH_SQLITE_H
 #define MXKEEP_MAIL_AUTH_AUTH_SQLITE_H
 
@@ -11,6 +11,7 @@
 
 #include <cerrno>
 
+#include "common/mail_log.h"
 #include "common/syscall.h"
 
 namespace zanth {
@@ -24,6 +25,9 @@ constexpr long kSqliteRetryStepNs = 10000;
 
 // Busy timeout every connection gets, in milliseconds.
 constexpr int kAuthBusyTimeoutMs = 50;
+
+// What a failed read-write open logs: the path, then SQLite's message.
+constexpr char kAuthOpenMessage[] = "Unable to open database %s: %s";
 
 // Stands in for sqlite3_errmsg when there is no connection to ask.
 constexpr char kNoDbHandleText[] = "general DB errror";
@@ -105,6 +109,17 @@ bool bindText(SqliteStatement& stmt, int index, const char* text, int length = -
 bool bindInt(SqliteStatement& stmt, int index, int value);
 bool bindId(SqliteStatement& stmt, int index, sqlite3_int64 id);
 
+// bindLogged - pass on `bound`, the result of one bind; when it failed, log
+// format with args followed by the connection's message (the format's last
+// %s) at LOG_ERR first:
+//
+//   if (!bindLogged(db, bindText(stmt, 1, domain), kBindDomain, domain, sql)) return -1;
+template <class... Args>
+bool bindLogged(const SqliteDb& db, bool bound, const char* format, Args... args) {
+  if (!bound) mail_log(LOG_ERR, format, args..., db.errmsg());
+  return bound;
+}
+
 // openAuthDb - sqlite3_open_v2 of path with flags (by default read-write,
 // created when missing, as sqlite3_open does) and the busy timeout. On
 // failure logs format (path, then SQLite's or the stand-in text) at
@@ -126,6 +141,18 @@ int stepRetry(SqliteDb& db, SqliteStatement& stmt);
 // exec_format (one %s: SQLite's message) when it did not finish with
 // SQLITE_DONE. 0 / -1; nothing is logged when pacing failed.
 int runToDone(SqliteDb& db, SqliteStatement& stmt, const char* exec_format);
+
+// runAndClose - the life of one writing statement on an open connection:
+// prepare sql, let bind(stmt) bind its parameters (false once it has logged
+// why not), run it to its end, close the connection. 0 / -1, each failure
+// logged once where it happened.
+template <class Bind>
+int runAndClose(SqliteDb& db, const char* sql, Bind bind, const char* exec_format) {
+  SqliteStatement stmt;
+  if (prepareLogged(db, stmt, sql) != 0 || !bind(stmt)) return -1;
+  if (runToDone(db, stmt, exec_format) != 0) return -1;
+  return db.close();
+}
 
 }  // namespace zanth
 

@@ -19,7 +19,7 @@ using namespace auth_testing;
 class AuthDomainContention : public testing::TestWithParam<const char*> {};
 
 TEST_P(AuthDomainContention, RenameWaitsForAnotherWriter) {
-  constexpr auto kHold = std::chrono::milliseconds(700);
+  constexpr auto kHold = std::chrono::milliseconds(200);
   ScratchDb db(kSeed);
   int ready[2];
   ASSERT_EQ(0, pipe(ready));

@@ -4,8 +4,10 @@
 // is followed by a refresh and the removal of an emptied queue directory.
 #include "mail/handlers/handler_actions.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -23,12 +25,10 @@
 using zanth::path_format;
 using zanth::handlers::HandlerFields;
 using zanth::handlers::HandlerIndex;
-using zanth::handlers::OwnedString;
+using zanth::UniqueCString;
 
 namespace {
 
-constexpr int kLogErr = 3;
-constexpr int kLogWarning = 4;
 constexpr mode_t kDescriptionMode = 0755;
 constexpr uid_t kQueueOwner = 0;
 constexpr gid_t kQueueGroup = 0;
@@ -41,7 +41,7 @@ bool empty(const char* s) { return s == nullptr || *s == '\0'; }
 
 // Where a stored handler lives: its type, hook, queue directory and entry.
 struct Location {
-  OwnedString read_hook;
+  UniqueCString read_hook;
   const char* hook = nullptr;
   const char* type_name = nullptr;
   char queue[zanth::kPathMax];
@@ -52,19 +52,19 @@ struct Location {
 // be read, and forms its queue paths; the queue is always that of the
 // stored target, whatever new target an action carries.
 bool locate(const char* name, const HandlerFields* known, Location* loc) {
-  OwnedString read_type;
+  UniqueCString read_type;
   const char* type = known != nullptr ? known->type : nullptr;
   if (known == nullptr) {
     read_type.reset(handler_param(name, "handler-type"));
     if (!read_type) {
-      mail_log(kLogErr, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
+      mail_log(LOG_ERR, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);
       return false;
     }
     type = read_type.get();
   }
   unsigned code = handler_type_code(type);
   if (code == kHandlerTypeUnknown) {
-    mail_log(kLogErr, "Invalid handler type '%s' for handler '%s'", type, name);
+    mail_log(LOG_ERR, "Invalid handler type '%s' for handler '%s'", type, name);
     return false;
   }
   loc->type_name = handler_type_name(code);
@@ -72,7 +72,7 @@ bool locate(const char* name, const HandlerFields* known, Location* loc) {
   if (known == nullptr) {
     loc->read_hook.reset(handler_param(name, "hook"));
     if (!loc->read_hook) {
-      mail_log(kLogErr, "Unable to fetch 'hook' parameter value for handler '%s'", name);
+      mail_log(LOG_ERR, "Unable to fetch 'hook' parameter value for handler '%s'", name);
       return false;
     }
     loc->hook = loc->read_hook.get();
@@ -82,12 +82,12 @@ bool locate(const char* name, const HandlerFields* known, Location* loc) {
     formed = path_format(loc->queue, sizeof loc->queue, "%s/%s/%s", kHandlersQueueRoot,
                          loc->hook, loc->type_name);
   } else {
-    OwnedString read_target;
+    UniqueCString read_target;
     const char* target = known != nullptr ? known->value : nullptr;
     if (known == nullptr) {
       read_target.reset(handler_param(name, loc->type_name));
       if (!read_target) {
-        mail_log(kLogErr, "Unable to fetch '%s' parameter value for handler '%s'",
+        mail_log(LOG_ERR, "Unable to fetch '%s' parameter value for handler '%s'",
                  loc->type_name, name);
         return false;
       }
@@ -97,12 +97,12 @@ bool locate(const char* name, const HandlerFields* known, Location* loc) {
                          loc->hook, loc->type_name, target);
   }
   if (!formed) {
-    mail_log(kLogErr,
+    mail_log(LOG_ERR,
              "handler parameters values are too long to form a valid filesystem object name");
     return false;
   }
   if (!path_format(loc->entry, sizeof loc->entry, "%s/%s", loc->queue, name)) {
-    mail_log(kLogErr, "handler name is too long to form a valid filesystem object name");
+    mail_log(LOG_ERR, "handler name is too long to form a valid filesystem object name");
     return false;
   }
   return true;
@@ -115,26 +115,27 @@ bool exists(const char* path) {
 
 int switchOn(const Location& loc) {
   if (make_dirs_owned(loc.queue, kQueueOwner, kQueueGroup, kQueueMode) != 0) {
-    mail_log(kLogErr, "Unable to create directory '%s'", loc.queue);
+    mail_log(LOG_ERR, "Unable to create directory '%s'", loc.queue);
   }
   return create_truncate_file(loc.entry);
 }
 
 int switchOff(const Location& loc) {
-  if (exists(loc.entry) && ::unlink(loc.entry) != 0) {
-    mail_log(kLogErr, "Unable to remove hook '%s' from directory '%s': %s", loc.hook,
-             loc.queue, std::strerror(errno));
-    return -1;
-  }
-  return 0;
+  if (::unlink(loc.entry) == 0 || errno == ENOENT) return 0;
+  // Whatever else keeps the entry from being looked up means it is off.
+  const int unlink_errno = errno;
+  if (!exists(loc.entry)) return 0;
+  mail_log(LOG_ERR, "Unable to remove hook '%s' from directory '%s': %s", loc.hook, loc.queue,
+           std::strerror(unlink_errno));
+  return -1;
 }
 
 // Switches the handler off and deletes its description directory.
 int removeHandler(const char* name, const Location& loc) {
   if (switchOff(loc) != 0) return -1;
   char description[zanth::kPathMax];
-  if (!path_format(description, sizeof description, "%s/%s", kHandlersInfoRoot, name)) {
-    mail_log(kLogErr, "handler name is too long to form a valid filesystem object name");
+  if (!handler_info_path(description, sizeof description, name, nullptr)) {
+    mail_log(LOG_ERR, "handler name is too long to form a valid filesystem object name");
     return -1;
   }
   remove_tree(description, 1);
@@ -163,17 +164,17 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
   struct stat st;
   if (executable == nullptr) errno = EFAULT;
   if (executable == nullptr || ::stat(executable, &st) != 0) {
-    mail_log(kLogErr, "Unable to stat executable '%s': %s", shown(executable),
+    mail_log(LOG_ERR, "Unable to stat executable '%s': %s", shown(executable),
              std::strerror(errno));
     return -1;
   }
   unsigned code = handler_type_code(type_name);
   if (code == kHandlerTypeUnknown) {
-    mail_log(kLogErr, "Handler type is invalid: %s", shown(type_name));
+    mail_log(LOG_ERR, "Handler type is invalid: %s", shown(type_name));
     return -1;
   }
   if (code != kHandlerGlobal && empty(target)) {
-    mail_log(kLogErr, "HandlerTypeName parameter is not defined");
+    mail_log(LOG_ERR, "HandlerTypeName parameter is not defined");
     return -1;
   }
   const char* canonical = handler_type_name(code);
@@ -181,63 +182,68 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
   char dir[zanth::kPathMax];
   if (!path_format(dir, sizeof dir, "%s/%s-%s-XXXXXX", kHandlersInfoRoot, shown(priority),
                    shown(tmpl))) {
-    mail_log(kLogErr,
+    mail_log(LOG_ERR,
              "Name template '%s' or priority '%s' are too long to form a valid handler name",
              shown(tmpl), shown(priority));
     return -1;
   }
   if (::mkdtemp(dir) == nullptr) {
-    mail_log(kLogErr, "Unable to create directory %s: %s", dir, std::strerror(errno));
+    mail_log(LOG_ERR, "Unable to create directory %s: %s", dir, std::strerror(errno));
     return -1;
   }
   const char* name = dir + std::strlen(kHandlersInfoRoot) + 1;
   // Declared before the guard, which reads them when it goes.
-  OwnedString lower;
+  UniqueCString lower;
   HandlerFields written{};
   // However far it gets, the new description is now part of the store.
   AnnounceOnExit announce{index, name};
-  if (::chmod(dir, kDescriptionMode) != 0) {
-    mail_log(kLogErr, "Unable to change permissions for directory '%s': %s", dir,
+  // Its files are made relative to the open directory, which spares a walk
+  // of the store's path for each; should it not open, they go by path.
+  zanth::UniqueFd dir_fd(zanth::retryEintr(
+      [&] { return ::open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+  const int at = dir_fd.get() >= 0 ? dir_fd.get() : AT_FDCWD;
+  if ((at != AT_FDCWD ? ::fchmod(at, kDescriptionMode) : ::chmod(dir, kDescriptionMode)) != 0) {
+    mail_log(LOG_ERR, "Unable to change permissions for directory '%s': %s", dir,
              std::strerror(errno));
     return -1;
   }
-  if (handler_store_param(dir, "hook", hook) != 0 ||
-      handler_store_param(dir, "context", context) != 0 ||
-      handler_store_param(dir, "handler-type", canonical) != 0) {
-    mail_log(kLogErr, "Unable to store handler parameters into directory '%s'", dir);
+  if (handler_store_param_at(at, dir, "hook", hook) != 0 ||
+      handler_store_param_at(at, dir, "context", context) != 0 ||
+      handler_store_param_at(at, dir, "handler-type", canonical) != 0) {
+    mail_log(LOG_ERR, "Unable to store handler parameters into directory '%s'", dir);
     return -1;
   }
   // A global handler has no target: its "global" file must stay empty.
   if (code != kHandlerGlobal) {
     lower.reset(strdup(target));
     if (!lower) {
-      mail_log(kLogErr, "Unable to convert HandlerTypeName to lowercase");
+      mail_log(LOG_ERR, "Unable to convert HandlerTypeName to lowercase");
       return -1;
     }
     for (char* p = lower.get(); *p != '\0'; ++p)
       *p = static_cast<char>(std::tolower(static_cast<unsigned char>(*p)));
-    if (handler_store_param(dir, canonical, lower.get()) != 0) {
-      mail_log(kLogErr, "Unable to store handler parameters into directory '%s'", dir);
+    if (handler_store_param_at(at, dir, canonical, lower.get()) != 0) {
+      mail_log(LOG_ERR, "Unable to store handler parameters into directory '%s'", dir);
       return -1;
     }
   } else {
     char flag[zanth::kPathMax];
     if (!path_format(flag, sizeof flag, "%s/global", dir)) {
-      mail_log(kLogErr, "global handler flag name is too long to be stored in the filesystem");
+      mail_log(LOG_ERR, "global handler flag name is too long to be stored in the filesystem");
       return -1;
     }
     if (create_file(flag) != 0) {
-      mail_log(kLogErr, "Unable to create file '%s'", flag);
+      mail_log(LOG_ERR, "Unable to create file '%s'", flag);
       return -1;
     }
   }
   char link[zanth::kPathMax];
   if (!path_format(link, sizeof link, "%s/executable", dir)) {
-    mail_log(kLogErr, "executable link name is too long to be stored in the filesystem");
+    mail_log(LOG_ERR, "executable link name is too long to be stored in the filesystem");
     return -1;
   }
-  if (::symlink(executable, link) != 0 && errno != EEXIST) {
-    mail_log(kLogErr, "Unable to symlink '%s' to '%s'", executable, link);
+  if (::symlinkat(executable, at, at != AT_FDCWD ? "executable" : link) != 0 && errno != EEXIST) {
+    mail_log(LOG_ERR, "Unable to symlink '%s' to '%s'", executable, link);
     return -1;
   }
   // What was just written need not be read back, when it reads back as is.
@@ -251,9 +257,9 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
 // What a copy of a handler for a new target is made from besides its
 // template, type and hook.
 struct CopyParts {
-  OwnedString priority;
-  OwnedString executable;
-  OwnedString context;
+  UniqueCString priority;
+  UniqueCString executable;
+  UniqueCString context;
 };
 
 // readCopyParts - false when a part cannot be read (each reader logs).
@@ -268,7 +274,7 @@ bool readCopyParts(const char* name, CopyParts* parts) {
 // same template, type and hook already serves target, nothing is created.
 // The copy search asks index, when given, before the store.
 int retarget(const char* name, const Location& loc, const char* target, HandlerIndex* index) {
-  OwnedString tmpl(handler_template(name));
+  UniqueCString tmpl(handler_template(name));
   if (!tmpl) return -1;
   std::string found;
   HandlerIndex::Find known = HandlerIndex::Find::kAskStore;
@@ -276,7 +282,7 @@ int retarget(const char* name, const Location& loc, const char* target, HandlerI
     known = index->find(tmpl.get(), loc.type_name, target, loc.hook, &found);
   if (known == HandlerIndex::Find::kFound) return 0;
   if (known == HandlerIndex::Find::kAskStore) {
-    OwnedString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook));
+    UniqueCString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook));
     if (existing) return 0;
   }
   CopyParts parts;
@@ -316,15 +322,14 @@ int act(const char* name, const char* new_target, int action, HandlerIndex* inde
       if (result == 0 && removeHandler(name, loc) != 0) return -1;
       break;
     default:
-      mail_log(kLogErr, "UKNOWN ACTION %d requested for handler %s", action, name);
+      mail_log(LOG_ERR, "UKNOWN ACTION %d requested for handler %s", action, name);
       result = -1;
       break;
   }
   handlers_refresh();
   // Drop the queue directory when this left it empty; anything else keeps it.
-  int saved_errno = errno;
+  zanth::ErrnoSaver keep;
   ::rmdir(loc.queue);
-  errno = saved_errno;
   return result;
 }
 
@@ -344,7 +349,7 @@ void actCounted(HandlerIndex& index, size_t i, const char* target, int action, i
     fields.value = value;
   }
   if (act(name, target, action, &index, known ? &fields : nullptr) != 0) {
-    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    mail_log(LOG_ERR, "Unable to exec action for handler: %s\n", name);
     ++*errors;
   }
   index.forgetIfGone(i);
@@ -352,7 +357,7 @@ void actCounted(HandlerIndex& index, size_t i, const char* target, int action, i
 
 int massResult(int errors) {
   if (errors == 0) return 0;
-  mail_log(kLogErr, "Some errors was occured in mass hook operation. errors: %i", errors);
+  mail_log(LOG_ERR, "Some errors was occured in mass hook operation. errors: %i", errors);
   return -1;
 }
 
@@ -370,7 +375,7 @@ int matchTarget(const char* name, const char* value, const char* target, const c
   if (at == nullptr || std::strcmp(at + 1, target) != 0) return 0;
   if (new_target == nullptr) return 1;
   if (!path_format(buf, size, "%.*s@%s", static_cast<int>(at - value), value, new_target)) {
-    mail_log(kLogErr, "Unable to exec action for handler: %s\n", name);
+    mail_log(LOG_ERR, "Unable to exec action for handler: %s\n", name);
     return -1;
   }
   *moved_to = buf;
@@ -380,15 +385,15 @@ int matchTarget(const char* name, const char* value, const char* target, const c
 // readTypeAndValue - reads the handler's type and target value as the
 // store reads them, so that what is wrong is reported. false when either
 // cannot be read. For a global handler the value is its empty flag file.
-bool readTypeAndValue(const char* name, OwnedString* type, OwnedString* value) {
+bool readTypeAndValue(const char* name, UniqueCString* type, UniqueCString* value) {
   type->reset(handler_param(name, "handler-type"));
   if (!*type) {
-    mail_log(kLogErr, "Unable to get type of handler: %s\n", name);
+    mail_log(LOG_ERR, "Unable to get type of handler: %s\n", name);
     return false;
   }
   value->reset(handler_param(name, type->get()));
   if (!*value) {
-    mail_log(kLogErr, "Unable to get mailname from handler: %s\n", name);
+    mail_log(LOG_ERR, "Unable to get mailname from handler: %s\n", name);
     return false;
   }
   return true;
@@ -402,7 +407,7 @@ template <class Visit>
 int forEachHandler(Visit visit) {
   HandlerIndex index;
   if (!index.load()) {
-    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    mail_log(LOG_ERR, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
     return -1;
   }
   int errors = 0;
@@ -427,9 +432,9 @@ int handler_add(const char* tmpl, const char* type_name, const char* target, con
 int handler_update(const char* tmpl, const char* type_name, const char* target,
                    const char* new_executable, const char* new_context, const char* hook,
                    const char* new_priority) {
-  OwnedString name(handler_find(tmpl, type_name, target, hook));
+  UniqueCString name(handler_find(tmpl, type_name, target, hook));
   if (!name) {
-    mail_log(kLogErr, "Handler %s for %s does not exist in queue %s", shown(tmpl), shown(target),
+    mail_log(LOG_ERR, "Handler %s for %s does not exist in queue %s", shown(tmpl), shown(target),
              shown(hook));
     return -1;
   }
@@ -437,42 +442,42 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
   if (!empty(new_executable)) {
     struct stat st;
     if (::stat(new_executable, &st) != 0) {
-      mail_log(kLogErr, "Unable to stat executable '%s': %s", new_executable, std::strerror(errno));
+      mail_log(LOG_ERR, "Unable to stat executable '%s': %s", new_executable, std::strerror(errno));
       return -1;
     }
     if (!path_format(executable, sizeof executable, "%s", new_executable)) {
-      mail_log(kLogErr, "Unable to stat executable '%s': %s", new_executable,
+      mail_log(LOG_ERR, "Unable to stat executable '%s': %s", new_executable,
                std::strerror(ENAMETOOLONG));
       return -1;
     }
   } else {
     char link[zanth::kPathMax];
-    if (!path_format(link, sizeof link, "%s/%s/executable", kHandlersInfoRoot, name.get())) {
-      mail_log(kLogErr, "handler name '%s' is too long to form a valid filesystem object name",
+    if (!handler_info_path(link, sizeof link, name.get(), "executable")) {
+      mail_log(LOG_ERR, "handler name '%s' is too long to form a valid filesystem object name",
                name.get());
       return -1;
     }
     ssize_t n = ::readlink(link, executable, sizeof executable - 1);
     if (n < 0) {
       // Only a warning: handler_add below reports the missing program.
-      mail_log(kLogWarning, "Unable to fetch executable link target: %s", std::strerror(errno));
+      mail_log(LOG_WARNING, "Unable to fetch executable link target: %s", std::strerror(errno));
       n = 0;
     }
     executable[n] = '\0';
   }
-  OwnedString old_context;
+  UniqueCString old_context;
   const char* context = new_context;
   if (empty(new_context)) {
     // An empty context was never written; that is not worth a message.
     char path[zanth::kPathMax];
     struct stat st;
-    if (path_format(path, sizeof path, "%s/%s/context", kHandlersInfoRoot, name.get()) &&
+    if (handler_info_path(path, sizeof path, name.get(), "context") &&
         ::lstat(path, &st) == 0) {
       old_context.reset(handler_param(name.get(), "context"));
       context = old_context.get();
     }
   }
-  OwnedString old_priority;
+  UniqueCString old_priority;
   const char* priority = new_priority;
   if (empty(new_priority)) {
     old_priority.reset(handler_priority(name.get()));
@@ -490,7 +495,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
 
 int handlers_act_on_target(const char* target, const char* new_target, int action) {
   if (target == nullptr) {
-    mail_log(kLogErr, "Some parameter was not defined");
+    mail_log(LOG_ERR, "Some parameter was not defined");
     return -1;
   }
   return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
@@ -498,7 +503,7 @@ int handlers_act_on_target(const char* target, const char* new_target, int actio
     const char* value = nullptr;
     const bool known = index.typeAndValue(i, &type, &value);
     const char* name = index.name(i);  // after the index has read its fields
-    OwnedString read_type, read_value;
+    UniqueCString read_type, read_value;
     if (!known) {
       if (!readTypeAndValue(name, &read_type, &read_value)) {
         ++*errors;
@@ -517,7 +522,7 @@ int handlers_act_on_target(const char* target, const char* new_target, int actio
 
 int handler_target_match(const char* name, const char* target, const char* new_target,
                          char* buf, size_t size, const char** moved_to) {
-  OwnedString type, value;
+  UniqueCString type, value;
   if (!readTypeAndValue(name, &type, &value)) return -1;
   return matchTarget(name, value.get(), target, new_target, buf, size, moved_to);
 }
@@ -525,9 +530,9 @@ int handler_target_match(const char* name, const char* target, const char* new_t
 int handler_rename_ready(const char* name, const char* new_target) {
   Location loc;
   if (!locate(name, nullptr, &loc)) return -1;
-  OwnedString tmpl(handler_template(name));
+  UniqueCString tmpl(handler_template(name));
   if (!tmpl) return -1;
-  OwnedString existing(handler_find(tmpl.get(), loc.type_name, new_target, loc.hook));
+  UniqueCString existing(handler_find(tmpl.get(), loc.type_name, new_target, loc.hook));
   if (existing) return 0;
   CopyParts parts;
   return readCopyParts(name, &parts) ? 0 : -1;
@@ -540,13 +545,13 @@ int handlers_list(std::vector<std::string>* names) {
 
 int handlers_act_on_template(const char* tmpl, int action) {
   if (tmpl == nullptr) {
-    mail_log(kLogErr, "Some parameter was not defined");
+    mail_log(LOG_ERR, "Some parameter was not defined");
     return -1;
   }
   const bool all = std::strcmp(tmpl, "all") == 0;
   return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
     if (!all) {
-      OwnedString own(handler_template(index.name(i)));
+      UniqueCString own(handler_template(index.name(i)));
       if (!own) {
         ++*errors;
         return;
@@ -577,6 +582,6 @@ int handlers_refresh() {
   if (!path_format(program, sizeof program, "%s", kHandlersRefreshProgram)) return -1;
   char* argv[] = {program, refresh, nullptr};
   int result = exec_capture_report(kHandlersRefreshProgram, argv, 0);
-  if (result != 0) mail_log(kLogErr, "Cannot sync tmps storage to fs");
+  if (result != 0) mail_log(LOG_ERR, "Cannot sync tmps storage to fs");
   return result;
 }

@@ -24,7 +24,7 @@ TEST_F(HandlerActions, DomainRenameMovesHandlersOfTheDomainOnly) {
   EXPECT_FALSE(testing_support::pathExists(kRefreshLog)) << "there was no refresh program to run";
   testing_support::writeFile(kHandlersRefreshProgram,
                              "#!/bin/sh\necho \"$@\" >> " + kRefreshLog + "\n", 0755);
-  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", 6));
+  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", kHandlerRename));
   EXPECT_EQ(Strings(), captured_log);
   for (const char* queue : {"recipient/u@a.example", "recipient-domain/a.example"})
     EXPECT_FALSE(testing_support::pathExists(std::string("/opt/orb/handlers/smtp/") + queue));
@@ -40,7 +40,7 @@ TEST_F(HandlerActions, DomainRenameMovesHandlersOfTheDomainOnly) {
   EXPECT_TRUE(switchedOn("recipient/u@b.example", moved));
   EXPECT_TRUE(switchedOn("recipient-domain/b.example", moved_dom));
   for (const std::string& name : untouched)
-    EXPECT_EQ(1, handler_action(name.c_str(), nullptr, 4)) << name;
+    EXPECT_EQ(1, handler_action(name.c_str(), nullptr, kHandlerQuery)) << name;
   EXPECT_EQ(6, std::distance(std::filesystem::directory_iterator(kInfo), {}))
       << "the old descriptions must be gone";
   EXPECT_TRUE(std::regex_match(testing_support::readFile(kRefreshLog),
@@ -55,7 +55,7 @@ TEST_F(HandlerActions, MassOperationCountsDamagedHandlersAndGoesOn) {
   for (const std::string& file :
        {no_type + "/handler-type", no_value + "/sender", no_program + "/executable"})
     ASSERT_EQ(0, unlink((kInfo + file).c_str())) << file;
-  EXPECT_EQ(-1, handlers_act_on_target("a.example", "b.example", 6));
+  EXPECT_EQ(-1, handlers_act_on_target("a.example", "b.example", kHandlerRename));
   for (const std::string& message : {"3:Unable to get type of handler: " + no_type + "\n",
                                      "3:Unable to get mailname from handler: " + no_value + "\n",
                                      "3:Unable to exec action for handler: " + no_program + "\n"})
@@ -72,7 +72,7 @@ TEST_F(HandlerActions, DomainRenameReusesACopyTheSearchFinds) {
   add("recipient", "u@a.example", "spam");
   add("sender", "v@a.example", "spam");
   add("sender", "w@a.example", "virus");
-  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", 6));
+  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", kHandlerRename));
   EXPECT_EQ(Strings(), captured_log);
   std::vector<std::string> left;
   for (const auto& entry : std::filesystem::directory_iterator(kInfo))
@@ -107,7 +107,7 @@ TEST_F(HandlerActions, RenameToTheSameTargetInOtherCaseStillRemovesTheHandler) {
   // is copied, and the rename goes on to remove the original all the same.
   const std::string name = add("recipient", "u@a.example");
   add("recipient", "v@a.example");
-  ASSERT_EQ(0, handler_action(name.c_str(), "U@A.example", 6));
+  ASSERT_EQ(0, handler_action(name.c_str(), "U@A.example", kHandlerRename));
   EXPECT_EQ(Strings(), captured_log);
   EXPECT_FALSE(testing_support::pathExists(kInfo + name));
   EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));

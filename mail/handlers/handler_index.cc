@@ -232,7 +232,7 @@ void HandlerIndex::loadFields(size_t i) {
   // A small regular hook file is certain to read; its text waits until a
   // search needs it. Anything else is read now to learn whether it reads.
   struct stat st;
-  if (path_format(path, sizeof path, "%s/%s/hook", kHandlersInfoRoot, name(i))) {
+  if (handler_info_path(path, sizeof path, name(i), "hook")) {
     if (::fstatat(info_.get(), path + kRootLen, &st, 0) == 0 && S_ISREG(st.st_mode) &&
         static_cast<size_t>(st.st_size) < kHandlerParamMax) {
       flags |= kHookPresent;
@@ -241,13 +241,11 @@ void HandlerIndex::loadFields(size_t i) {
       flags |= kHookRead;
     }
   }
-  if (path_format(path, sizeof path, "%s/%s/handler-type", kHandlersInfoRoot,
-                  name(i)) &&
+  if (handler_info_path(path, sizeof path, name(i), "handler-type") &&
       readTrimmed(info_.get(), path + kRootLen, buf, &start, &len)) {
     type = store(start, len);
     flags |= kTypeRead;
-    if (path_format(path, sizeof path, "%s/%s/%s", kHandlersInfoRoot, name(i),
-                    text(type)) &&
+    if (handler_info_path(path, sizeof path, name(i), text(type)) &&
         readTrimmed(info_.get(), path + kRootLen, buf, &start, &len)) {
       value = store(start, len);
       flags |= kValueRead;
@@ -268,7 +266,7 @@ bool HandlerIndex::readHook(size_t i) {
   char path[kPathMax], buf[kReadMax];
   const char* start;
   size_t len;
-  if (!path_format(path, sizeof path, "%s/%s/hook", kHandlersInfoRoot, name(i)) ||
+  if (!handler_info_path(path, sizeof path, name(i), "hook") ||
       !readTrimmed(info_.get(), path + kRootLen, buf, &start, &len))
     return false;
   e.hook = store(start, len);

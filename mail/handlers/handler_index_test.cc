@@ -121,8 +121,8 @@ TEST_F(HandlerIndexTest, FollowsHandlersAddedAndRemovedAfterLoading) {
   ASSERT_EQ(Find::kFound, index.find("spam", "sender", "N@B.example", "smtp", &found));
   EXPECT_EQ(copy, found);
 
-  ASSERT_EQ(0, handler_action(first.c_str(), nullptr, 1));
-  ASSERT_EQ(0, handler_action(copy.c_str(), nullptr, 1));
+  ASSERT_EQ(0, handler_action(first.c_str(), nullptr, kHandlerRemove));
+  ASSERT_EQ(0, handler_action(copy.c_str(), nullptr, kHandlerRemove));
   index.forgetIfGone(0);
   index.forgetIfGone(1);
   EXPECT_TRUE(index.gone(0));

@@ -9,6 +9,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,11 +23,10 @@
 #include "common/syscall.h"
 
 using zanth::path_format;
-using zanth::handlers::OwnedString;
+using zanth::UniqueCString;
 
 namespace {
 
-constexpr int kLogErr = 3;
 constexpr mode_t kParamMode = 0644;
 
 const char* const kTypeNames[] = {"sender", "recipient", "sender-domain", "recipient-domain",
@@ -67,13 +67,13 @@ bool splitLogged(const char* name, NameParts* parts) {
     case Split::kOk:
       return true;
     case Split::kNoPriority:
-      mail_log(kLogErr, "Invalid handler name '%s': missing priority section", shown(name));
+      mail_log(LOG_ERR, "Invalid handler name '%s': missing priority section", shown(name));
       break;
     case Split::kNoRandom:
-      mail_log(kLogErr, "Invalid handler name '%s': missing random part", name);
+      mail_log(LOG_ERR, "Invalid handler name '%s': missing random part", name);
       break;
     case Split::kEmptyTemplate:
-      mail_log(kLogErr, "Invalid handler name '%s': empty template part", name);
+      mail_log(LOG_ERR, "Invalid handler name '%s': empty template part", name);
       break;
   }
   return false;
@@ -81,7 +81,7 @@ bool splitLogged(const char* name, NameParts* parts) {
 
 char* copyPart(const char* start, size_t len) {
   char* copy = strndup(start, len);
-  if (copy == nullptr) mail_log(kLogErr, "Insufficient memory");
+  if (copy == nullptr) mail_log(LOG_ERR, "Insufficient memory");
   return copy;
 }
 
@@ -91,15 +91,12 @@ bool readValue(const char* path, char (&value)[kHandlerParamMax]) {
   return read_first_line(value, sizeof value, path) == 0;
 }
 
-// Appends "value\n" to an existing file, in one write where it can: a
+// Writes "value\n" to the open file fd, in one write where it can: a
 // store rename writes four such files per handler.
-bool appendLine(const char* path, const char* value) {
-  zanth::UniqueFd fd(
-      zanth::retryEintr([&] { return ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC); }));
-  if (fd.get() < 0) return false;
+bool writeLine(int fd, const char* value) {
   const size_t len = std::strlen(value);
   iovec parts[] = {{const_cast<char*>(value), len}, {const_cast<char*>("\n"), 1}};
-  ssize_t n = zanth::retryEintr([&] { return ::writev(fd.get(), parts, 2); });
+  ssize_t n = zanth::retryEintr([&] { return ::writev(fd, parts, 2); });
   if (n < 0) return false;
   // A short write leaves the rest of value and the newline to go.
   size_t done = static_cast<size_t>(n);
@@ -109,9 +106,9 @@ bool appendLine(const char* path, const char* value) {
     done -= skip;
     chunk += skip;
     left -= skip;
-    if (zanth::writeFully(fd.get(), chunk, left) != 0) return false;
+    if (zanth::writeFully(fd, chunk, left) != 0) return false;
   }
-  return zanth::closeDescriptor(fd.release()) == 0;
+  return true;
 }
 
 // Template part of name copied into buf for strcoll; names on disk are far
@@ -131,7 +128,7 @@ int compareNames(const void* a, const void* b) {
 int handler_compare(const char* x, const char* y) {
   NameParts px, py;
   if (splitName(x, &px) != Split::kOk || splitName(y, &py) != Split::kOk) {
-    mail_log(kLogErr, "Unable to split handlers name. Skipping sorting handlers..");
+    mail_log(LOG_ERR, "Unable to split handlers name. Skipping sorting handlers..");
     return 0;
   }
   int prio_x = 0, prio_y = 0;
@@ -170,66 +167,91 @@ char* handler_template(const char* name) {
   return copyPart(parts.tmpl, parts.tmpl_len);
 }
 
+bool handler_info_path(char* path, size_t size, const char* name, const char* file) {
+  if (file == nullptr) return path_format(path, size, "%s/%s", kHandlersInfoRoot, name);
+  return path_format(path, size, "%s/%s/%s", kHandlersInfoRoot, name, file);
+}
+
 char* handler_param(const char* name, const char* param) {
   char path[zanth::kPathMax];
-  if (!path_format(path, sizeof path, "%s/%s/%s", kHandlersInfoRoot, shown(name), shown(param))) {
-    mail_log(kLogErr,
+  if (!handler_info_path(path, sizeof path, shown(name), shown(param))) {
+    mail_log(LOG_ERR,
              "either handler name '%s' or param '%s' are too long to be stored in the filesystem",
              shown(name), shown(param));
     return nullptr;
   }
   struct stat st;
   if (::stat(path, &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
-    mail_log(kLogErr, "No such parameter '%s' for handler '%s'", shown(param), shown(name));
+    mail_log(LOG_ERR, "No such parameter '%s' for handler '%s'", shown(param), shown(name));
     return nullptr;
   }
   char value[kHandlerParamMax];
   if (!readValue(path, value)) {
-    mail_log(kLogErr, "Unable to get string from file: %s\n", path);
+    mail_log(LOG_ERR, "Unable to get string from file: %s\n", path);
     return nullptr;
   }
   char* copy = strdup(value);
   if (copy == nullptr)
-    mail_log(kLogErr, "Unable to allocate sufficient memory: %s", std::strerror(errno));
+    mail_log(LOG_ERR, "Unable to allocate sufficient memory: %s", std::strerror(errno));
   return copy;
 }
 
 char* handler_executable(const char* name) {
   char link[zanth::kPathMax];
-  if (!path_format(link, sizeof link, "%s/%s/executable", kHandlersInfoRoot, shown(name))) {
-    mail_log(kLogErr, "HandlerName '%s' is too long to form a valid hook filename", shown(name));
+  if (!handler_info_path(link, sizeof link, shown(name), "executable")) {
+    mail_log(LOG_ERR, "HandlerName '%s' is too long to form a valid hook filename", shown(name));
     return nullptr;
   }
-  OwnedString resolved(static_cast<char*>(std::malloc(zanth::kPathMax)));
+  UniqueCString resolved(static_cast<char*>(std::malloc(zanth::kPathMax)));
   if (!resolved) {
-    mail_log(kLogErr, "Insufficient memory");
+    mail_log(LOG_ERR, "Insufficient memory");
     return nullptr;
   }
-  if (::realpath(link, resolved.get()) == nullptr) {
-    mail_log(kLogErr, "Unable to get executable file name for handler\n");
+  // The link names its program by absolute path: resolving that alone
+  // spares a walk of the store's own directories, and comes to the same.
+  char target[zanth::kPathMax];
+  const ssize_t n = ::readlink(link, target, sizeof target);
+  const bool absolute = n > 0 && static_cast<size_t>(n) < sizeof target && target[0] == '/';
+  if (absolute) target[n] = '\0';
+  if (::realpath(absolute ? target : link, resolved.get()) == nullptr) {
+    mail_log(LOG_ERR, "Unable to get executable file name for handler\n");
     return nullptr;
   }
   return resolved.release();
 }
 
 int handler_store_param(const char* dir, const char* file, const char* value) {
+  return handler_store_param_at(AT_FDCWD, dir, file, value);
+}
+
+int handler_store_param_at(int dir_fd, const char* dir, const char* file, const char* value) {
   if (empty(value)) return 0;
   char path[zanth::kPathMax];
   if (!path_format(path, sizeof path, "%s/%s", shown(dir), shown(file))) {
-    mail_log(kLogErr, "Unable to create file '%s/%s'", shown(dir), shown(file));
+    mail_log(LOG_ERR, "Unable to create file '%s/%s'", shown(dir), shown(file));
     return -1;
   }
-  if (create_truncate_file(path) != 0) {
-    mail_log(kLogErr, "Unable to create file '%s'", path);
+  // One open for truncating, writing and setting the mode.
+  const char* name = dir_fd == AT_FDCWD ? path : shown(file);
+  zanth::UniqueFd fd(open_truncate_file_at(dir_fd, name, path));
+  if (fd.get() < 0) {
+    mail_log(LOG_ERR, "Unable to create file '%s'", path);
     return -1;
   }
-  if (!appendLine(path, value)) {
-    mail_log(kLogErr, "Unable to add string '%s' to '%s'", value, path);
+  if (!writeLine(fd.get(), value)) {
+    mail_log(LOG_ERR, "Unable to add string '%s' to '%s'", value, path);
     return -1;
   }
   // The file may have existed with other permissions; readers need 0644.
-  if (::chmod(path, kParamMode) != 0) {
-    mail_log(kLogErr, "Unable to create file '%s'", path);
+  const bool moded = ::fchmod(fd.get(), kParamMode) == 0;
+  const int mode_errno = errno;
+  if (::close(fd.release()) != 0) {
+    mail_log(LOG_ERR, "Unable to add string '%s' to '%s'", value, path);
+    return -1;
+  }
+  if (!moded) {
+    errno = mode_errno;
+    mail_log(LOG_ERR, "Unable to create file '%s'", path);
     return -1;
   }
   return 0;
@@ -237,21 +259,21 @@ int handler_store_param(const char* dir, const char* file, const char* value) {
 
 char* handler_find(const char* tmpl, const char* type_name, const char* target, const char* hook) {
   if (empty(tmpl) || empty(hook)) {
-    mail_log(kLogErr, "Some parameter(s) were not defined");
+    mail_log(LOG_ERR, "Some parameter(s) were not defined");
     return nullptr;
   }
   unsigned code = handler_type_code(type_name);
   if (code == kHandlerTypeUnknown) {
-    mail_log(kLogErr, "Invalid handler type '%s'", shown(type_name));
+    mail_log(LOG_ERR, "Invalid handler type '%s'", shown(type_name));
     return nullptr;
   }
   if (code != kHandlerGlobal && empty(target)) {
-    mail_log(kLogErr, "Some parameter was not defined");
+    mail_log(LOG_ERR, "Some parameter was not defined");
     return nullptr;
   }
   zanth::UniqueDir dir(::opendir(kHandlersInfoRoot));
   if (dir.get() == nullptr) {
-    mail_log(kLogErr, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
+    mail_log(LOG_ERR, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
     return nullptr;
   }
   while (const dirent* entry = ::readdir(dir.get())) {
@@ -263,19 +285,19 @@ char* handler_find(const char* tmpl, const char* type_name, const char* target, 
 
     char path[zanth::kPathMax];
     char value[kHandlerParamMax];
-    if (!path_format(path, sizeof path, "%s/%s/hook", kHandlersInfoRoot, name)) {
-      mail_log(kLogErr, "Path '%s/%s/hook' is too long to be stored in the filesystem",
+    if (!handler_info_path(path, sizeof path, name, "hook")) {
+      mail_log(LOG_ERR, "Path '%s/%s/hook' is too long to be stored in the filesystem",
                kHandlersInfoRoot, name);
       return nullptr;
     }
     if (!readValue(path, value)) {
-      mail_log(kLogErr, "Unable to get string from file: %s\n", path);
+      mail_log(LOG_ERR, "Unable to get string from file: %s\n", path);
       return nullptr;
     }
     if (std::strcmp(value, hook) != 0) continue;
 
-    if (!path_format(path, sizeof path, "%s/%s/handler-type", kHandlersInfoRoot, name)) {
-      mail_log(kLogErr, "Path '%s/%s/handler-type' is too long to be stored in the filesystem",
+    if (!handler_info_path(path, sizeof path, name, "handler-type")) {
+      mail_log(LOG_ERR, "Path '%s/%s/handler-type' is too long to be stored in the filesystem",
                kHandlersInfoRoot, name);
       return nullptr;
     }
@@ -283,8 +305,8 @@ char* handler_find(const char* tmpl, const char* type_name, const char* target, 
     if (std::strcmp(value, type_name) != 0) continue;
 
     if (code != kHandlerGlobal) {
-      if (!path_format(path, sizeof path, "%s/%s/%s", kHandlersInfoRoot, name, type_name)) {
-        mail_log(kLogErr, "Path '%s/%s/%s' is too long to be stored in the filesystem",
+      if (!handler_info_path(path, sizeof path, name, type_name)) {
+        mail_log(LOG_ERR, "Path '%s/%s/%s' is too long to be stored in the filesystem",
                  kHandlersInfoRoot, name, type_name);
         return nullptr;
       }
@@ -292,7 +314,7 @@ char* handler_find(const char* tmpl, const char* type_name, const char* target, 
       if (strcasecmp(value, target) != 0) continue;
     }
     char* found = strdup(name);
-    if (found == nullptr) mail_log(kLogErr, "Insufficient memory");
+    if (found == nullptr) mail_log(LOG_ERR, "Insufficient memory");
     return found;
   }
   return nullptr;

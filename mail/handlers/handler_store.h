@@ -10,7 +10,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <memory>
 
 #include "common/fixed_paths.h"
 
@@ -55,6 +54,15 @@ char* handler_executable(const char* name);
 // a null or empty value writes nothing. 0 / -1.
 int handler_store_param(const char* dir, const char* file, const char* value);
 
+// handler_info_path - "<info root>/<name>/<file>", or the handler's own
+// directory "<info root>/<name>" when file is null, into path (size bytes).
+// false when it does not fit; callers report their own message.
+bool handler_info_path(char* path, size_t size, const char* name, const char* file);
+
+// handler_store_param_at - handler_store_param with file opened relative to
+// dir_fd, the directory dir open (AT_FDCWD: dir is opened by path).
+int handler_store_param_at(int dir_fd, const char* dir, const char* file, const char* value);
+
 // handler_find - malloc'ed name of the first handler whose name contains
 // tmpl and whose hook, type and target (case ignored) match; null when there
 // is none or on failure. The caller frees.
@@ -67,17 +75,5 @@ void handler_sort(char** names, size_t count);
 // handler_compare - the comparison handler_sort orders by: negative, 0 or
 // positive as x sorts before, with or after y.
 int handler_compare(const char* x, const char* y);
-
-namespace zanth {
-namespace handlers {
-
-// Owner of a malloc'ed string returned by the functions above.
-struct FreeDeleter {
-  void operator()(char* p) const { std::free(p); }
-};
-using OwnedString = std::unique_ptr<char, FreeDeleter>;
-
-}  // namespace handlers
-}  // namespace zanth
 
 #endif  // MXKEEP_MAIL_HANDLERS_HANDLER_STORE_H

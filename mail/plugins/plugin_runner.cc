@@ -24,22 +24,6 @@
 
 namespace {
 
-// Owns a dlopen handle; dlclose on destruction (its error has nobody to go
-// to once the plugin has been called, and is ignored).
-class DlHandle {
- public:
-  explicit DlHandle(void* handle) : handle_(handle) {}
-  DlHandle(const DlHandle&) = delete;
-  DlHandle& operator=(const DlHandle&) = delete;
-  ~DlHandle() {
-    if (handle_ != nullptr) ::dlclose(handle_);
-  }
-  void* get() const { return handle_; }
-
- private:
-  void* const handle_;
-};
-
 // flush_all - write out everything buffered, so that a forked child cannot
 // print it a second time.
 void flush_all() {
@@ -82,16 +66,16 @@ extern "C" void end_plugin_child(int status, void*) {
 
 void plugin_log(int priority, const char* format, ...) {
   if (priority >= LOG_WARNING) return;
-  int saved_errno = errno;
+  zanth::ErrnoSaver keep;
   va_list args;
   va_start(args, format);
   std::vfprintf(stderr, format, args);
   va_end(args);
-  errno = saved_errno;
 }
 
 int call_plugin(const char* path, const char* old_domain, const char* new_domain) {
-  DlHandle module(::dlopen(path, RTLD_LAZY));
+  // dlclose's error has nobody to go to once the plugin has been called.
+  zanth::UniqueLibrary module(::dlopen(path, RTLD_LAZY));
   if (module.get() == nullptr) {
     plugin_log(LOG_ERR, "cannop load '%s' plugin: %s", path, ::dlerror());
     return 0;

@@ -150,10 +150,11 @@ void createMailboxDirectory(const PopUser& popUser, const std::string& domain,
     // A half-made mailbox must not stay behind; the caller wants to know
     // why it failed, not why the clean-up failed, so the clean-up's own
     // error is dropped and errno is put back.
-    const int saved = errno;
-    boost::system::error_code ignored;
-    fs::remove_all(dir, ignored);
-    errno = saved;
+    {
+      ErrnoSaver keep;
+      boost::system::error_code ignored;
+      fs::remove_all(dir, ignored);
+    }
     throw;
   }
 }

@@ -19,7 +19,6 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
-#include <memory>
 #include <new>
 #include <string>
 
@@ -57,9 +56,8 @@ class TempName final {
   explicit TempName(const char* name) : name_(name) {}
   ~TempName() {
     if (name_ == nullptr) return;
-    const int saved = errno;
+    zanth::ErrnoSaver keep;
     ::unlink(name_);  // clean-up: the first cause is what the caller sees
-    errno = saved;
   }
   TempName(const TempName&) = delete;
   TempName& operator=(const TempName&) = delete;
@@ -128,12 +126,11 @@ void report_condition(const char* format, ...) {
   va_end(args);
 }
 
-using CString = std::unique_ptr<char, decltype(&std::free)>;
 
 // ascii_domain - the domain's ASCII form, or null (reported).
-CString ascii_domain(const char* domain) {
-  CString ascii(idn_toascii(domain), &std::free);
-  if (ascii == nullptr)
+zanth::UniqueCString ascii_domain(const char* domain) {
+  zanth::UniqueCString ascii(idn_toascii(domain));
+  if (!ascii)
     report_condition("idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
   return ascii;
 }
@@ -154,11 +151,11 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
     report_condition("unable to connect to MySQL");
     return false;
   }
-  const CString ascii = ascii_domain(domain);
-  if (ascii == nullptr) return false;
+  const zanth::UniqueCString ascii = ascii_domain(domain);
+  if (!ascii) return false;
   const size_t length = std::strlen(ascii.get());
-  const CString buffer(static_cast<char*>(std::malloc(2 * length + 1)), &std::free);
-  if (buffer == nullptr) {
+  const zanth::UniqueCString buffer(static_cast<char*>(std::malloc(2 * length + 1)));
+  if (!buffer) {
     report_error(0, 0, "unable to allocate memory to properly escape %s", domain);
     return false;
   }
@@ -267,8 +264,8 @@ int maildirsize_create_popuser(const char* maildir, long long quota) {
 }
 
 int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) {
-  const CString ascii = ascii_domain(domain);
-  if (ascii == nullptr) return 0;
+  const zanth::UniqueCString ascii = ascii_domain(domain);
+  if (!ascii) return 0;
   char path[zanth::kPathMax];
   if (!zanth::path_format(path, sizeof path, "%s/%s/%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
                           ascii.get(), mailbox)) {

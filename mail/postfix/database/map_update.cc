@@ -104,9 +104,8 @@ AutocleanOFStream::AutocleanOFStream(const std::string& fileName)
 AutocleanOFStream::~AutocleanOFStream() {
   // The file may never have been created, or be gone already: a failed
   // unlink has nothing to tell the caller, whose errno must survive.
-  const int saved = errno;
+  ErrnoSaver keep;
   ::unlink(fileName_.c_str());
-  errno = saved;
 }
 
 void AutocleanOFStream::close() {
