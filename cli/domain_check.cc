@@ -58,7 +58,7 @@ void captureLog(int, const char* format, ...) {
 }
 
 // Routes mail_log into g_captured_log for its scope.
-class LogCapture {
+class LogCapture final {
  public:
   LogCapture() : saved_(mail_log) {
     g_captured_log.clear();
@@ -102,7 +102,7 @@ std::string trimmed(std::string text) {
 
 // Collects findings; the plan (changes and facts) comes before the
 // hazards and failures, each in the rename's order of places.
-class Findings {
+class Findings final {
  public:
   void add(const char* place, FindingKind kind, const std::string& text) {
     Finding finding{place, kind, text, std::string(), std::string()};

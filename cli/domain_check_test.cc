@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 #include "mail/auth/auth_users.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
@@ -20,7 +20,7 @@
 namespace {
 
 using namespace testing_support;
-typedef std::vector<std::string> Lines;
+using Lines = std::vector<std::string>;
 
 const char* const kMaps[] = {kVirtualDomainsMap, kVirtualMap, kVmailboxMap};
 const char* const kMapPlaces[] = {"virtual_domains", "virtual", "vmailbox"};

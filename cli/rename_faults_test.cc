@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
 #include "testing/postfix_maps.h"
@@ -27,7 +27,7 @@ namespace {
 
 using namespace testing_support;
 namespace fs = boost::filesystem;
-typedef std::vector<std::string> Records;
+using Records = std::vector<std::string>;
 
 const char* const kMaps[] = {kVirtualDomainsMap, kVirtualMap, kVmailboxMap};
 const std::string kSpool = "/var/spool/postfix/zanth";

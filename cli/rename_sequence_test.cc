@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 #include "mail/auth/auth_users.h"
 #include "mail/handlers/handler_actions.h"
 #include "testing/postfix_maps.h"

@@ -34,7 +34,7 @@ class SystemError : public std::runtime_error {
 // The system errors callers catch by kind: N is the errno value
 // (1 EPERM, 2 ENOENT, 4 EINTR, 10 ECHILD, 11 EAGAIN).
 template <int N>
-class ExSystemError : public SystemError {
+class ExSystemError final : public SystemError {
  public:
   explicit ExSystemError(const std::string& message) : SystemError(message, N) {}
 };
@@ -49,7 +49,7 @@ inline bool exceptionInFlight() noexcept { return std::uncaught_exceptions() > 0
 
 // A snapshot of the call stack, taken at construction; the first `skip`
 // frames are left out when printed. Symbols are resolved on first print.
-class Traceback {
+class Traceback final {
  public:
   static constexpr int kMaxFrames = 11;
 
@@ -71,7 +71,7 @@ std::ostream& operator<<(std::ostream& out, const Traceback& tb);
 
 // Stream buffer with no put area: each character goes to std::cerr at once
 // and is kept; sync() writes what was kept to std::cout.
-class UtilityErrorStreamBuf : public std::streambuf {
+class UtilityErrorStreamBuf final : public std::streambuf {
  public:
   UtilityErrorStreamBuf() = default;
   ~UtilityErrorStreamBuf() override;
@@ -84,7 +84,7 @@ class UtilityErrorStreamBuf : public std::streambuf {
   std::string pending_;
 };
 
-class UtilityErrorStream : public std::ostream {
+class UtilityErrorStream final : public std::ostream {
  public:
   UtilityErrorStream();
   ~UtilityErrorStream() override;
@@ -102,7 +102,7 @@ namespace idn {
 const char* idnaErrorText(int code) noexcept;
 
 // A failed IDNA conversion, carrying libidn's result code.
-class IdnaError : public std::exception {
+class IdnaError final : public std::exception {
  public:
   explicit IdnaError(int code) : code_(code) {}
   ~IdnaError() override;

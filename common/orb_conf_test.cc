@@ -6,43 +6,46 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
+#include <climits>
 #include <string>
 
 #include "common/mail_log.h"
 #include "testing/child.h"
+#include "testing/log_capture.h"
 
 namespace {
 
 using namespace testing_support;
 
-// What the module logs, as "priority:message|".
-std::string g_logged;
-
-void capture_log(int priority, const char* format, ...) {
-  char text[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  g_logged += std::to_string(priority) + ":" + text + "|";
+// What the module logged, as "priority:message|" each.
+std::string logged() {
+  std::string all;
+  for (const std::string& message : captured_log) all += message + "|";
+  return all;
 }
 
 class OrbConf : public ::testing::Test {
  protected:
-  void SetUp() override { reset(); }
+  // The module logs at a priority the default hook leaves out: capture all.
+  void SetUp() override {
+    mail_log_threshold = INT_MAX;
+    reset();
+  }
   void TearDown() override {
     reset();
     mail_log = mail_log_default;
+    mail_log_threshold = savedThreshold_;
   }
   // No file, nothing loaded, an empty log that captures what follows.
   static void reset() {
     unlink(kOrbConfPath);
     orb_conf_unload();
-    g_logged.clear();
-    mail_log = capture_log;
+    captured_log.clear();
+    mail_log = captureMailLog;
   }
+
+ private:
+  const int savedThreshold_ = mail_log_threshold;
 };
 
 struct LineCase {
@@ -73,7 +76,7 @@ TEST_F(OrbConf, ParsesTrickyLines) {
     reset();
     writeFile(kOrbConfPath, c.text);
     EXPECT_STREQ(c.value, orb_conf_get_any("PRODUCT_ROOT_D")) << c.text;
-    EXPECT_EQ(c.logged, g_logged) << c.text;
+    EXPECT_EQ(c.logged, logged()) << c.text;
   }
 }
 
@@ -81,7 +84,7 @@ TEST_F(OrbConf, MissingFileGivesDefaultsAndIsRetried) {
   EXPECT_EQ(-1, orb_conf_load());
   EXPECT_EQ(ENOENT, errno);
   EXPECT_EQ("12:unable to open configuration file /etc/orb/orb.conf: No such file or directory\n|",
-            g_logged);
+            logged());
   for (int i = ORB_CONF_MIN_VAR; i <= ORB_CONF_MAX_VAR; ++i) {
     EXPECT_EQ(nullptr, orb_conf_get(i)) << i;
     EXPECT_NE(nullptr, orb_conf_get_default(i)) << i;

@@ -67,7 +67,7 @@ enum class Fetched {
 // caller's connection or on one of its own, opened on the first run and
 // closed when the query object goes away. Whatever is not a value leaves
 // the buffer empty.
-class SingleQuery {
+class SingleQuery final {
  public:
   SingleQuery(MYSQL* given, const char* connect_failure)
       : conn_(given), connect_failure_(connect_failure) {}

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/descriptors.h"
 #include "common/errors.h"
 #include "common/orb_conf.h"
 #include "common/fixed_paths.h"
@@ -61,13 +62,6 @@ bool place_fd(int fd, int target, bool needed_later) {
   if (zanth::retryEintr([&] { return ::dup2(fd, target); }) < 0) return false;
   if (opened || (fd > STDERR_FILENO && !needed_later)) ::close(fd);
   return true;
-}
-
-// close_from - close every descriptor from `first` up.
-void close_from(int first) {
-  if (::close_range(first, ~0U, 0) == 0) return;
-  int limit = getdtablesize();
-  for (int fd = first; fd < limit; ++fd) ::close(fd);
 }
 
 // exit_code - the exit code of a wait status, -1 unless it is a normal exit.
@@ -142,7 +136,7 @@ pid_t fork_execv_pipes(int in, int out, int err, const char* path, char* const a
       _exit(kChildFailed);
     }
   }
-  close_from(STDERR_FILENO + 1);
+  zanth::closeFrom(STDERR_FILENO + 1);
   errno = 0;
   ::execv(path, argv);
   std::fprintf(stderr, "fork_execv: execv(\"%s\") failed: %s\n", path, std::strerror(errno));
@@ -157,8 +151,7 @@ int fork_execv_getouterr(char** out, char** err, const char* path, char* const a
   if (::pipe(out_pipe) != 0 || ::pipe(err_pipe) != 0)
     report_fatal("fork_execv_getouterr: pipe() failed");
   for (int fd : {out_pipe[0], err_pipe[0]}) {
-    int flags = ::fcntl(fd, F_GETFL);
-    if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0)
+    if (zanth::setNonBlocking(fd) != 0)
       report_fatal("fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
   }
 

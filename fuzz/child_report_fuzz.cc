@@ -13,7 +13,7 @@
 
 #include "common/errors.h"
 #include "fuzz/fuzz_support.h"
-#include "process/pipe.h"
+#include "process/spawn.h"
 
 namespace {
 

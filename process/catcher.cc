@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "common/descriptors.h"
 #include "common/errors.h"
 #include "common/syscall.h"
 
@@ -24,22 +25,6 @@ namespace {
 std::atomic<ProcessSetCatcher*> g_installed{nullptr};
 
 constexpr char kWakeByte = 't';
-
-// Closes fd unless it is -1 and marks it closed. A close that fails with
-// EINTR has still released the descriptor on Linux, so it is not retried.
-void closeOrThrow(int& fd, const char* message) {
-  if (fd < 0) return;
-  int rc = ::close(fd);
-  fd = -1;
-  if (rc != 0 && errno != EINTR) throw SystemError(message);
-}
-
-void setNonBlocking(int fd) {
-  int flags = retryEintr([&] { return ::fcntl(fd, F_GETFL); });
-  if (flags == -1 ||
-      retryEintr([&] { return ::fcntl(fd, F_SETFL, flags | O_NONBLOCK); }) == -1)
-    throw SystemError("control pipe fcntl");
-}
 
 }  // namespace
 
@@ -82,8 +67,8 @@ void ProcessSetCatcher::install() {
       throw SystemError("process set catcher control pipe");
     readFd_ = fds[0];
     writeFd_ = fds[1];
-    setNonBlocking(readFd_);
-    setNonBlocking(writeFd_);
+    if (setNonBlocking(readFd_) != 0 || setNonBlocking(writeFd_) != 0)
+      throw SystemError("control pipe fcntl");
   } catch (...) {
     ErrnoSaver keep;
     ::sigaction(SIGCHLD, &saved_, nullptr);

@@ -37,7 +37,7 @@ struct ChildRecord {
 // The handler reaps every child of the process, including ones it was never
 // told about: those are dropped without trace. Call registerChild() with
 // SIGCHLD blocked, or an early exit may be reaped before it is known.
-class ProcessSetCatcher {
+class ProcessSetCatcher final {
  public:
   using ChildMap = std::map<pid_t, ChildRecord>;
 
@@ -86,7 +86,7 @@ class ProcessSetCatcher {
 
 // Blocks signals for a scope and puts the earlier mask back. A second
 // block() adds to the mask but keeps the mask saved by the first.
-class SignalMaskGuard {
+class SignalMaskGuard final {
  public:
   SignalMaskGuard() = default;
   // Restores a saved mask, ignoring failure; never throws.

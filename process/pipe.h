@@ -1,12 +1,13 @@
 // Pipelines of child processes: runs one program or a chain joined output
 // to input, feeds the first one's standard input from a producer, streams
 // the last one's output and any captured standard error to consumers, and
-// returns the last wait status. A failure between fork and exec is sent
-// back over a close-on-exec control pipe and re-raised in the parent with
-// the child's exception class. System failures throw SystemError.
+// returns the last wait status. Each child is started by process/spawn.h,
+// whose failures before exec surface here with the child's exception
+// class. System failures throw SystemError.
 #ifndef MXKEEP_PROCESS_PIPE_H
 #define MXKEEP_PROCESS_PIPE_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <boost/function.hpp>
@@ -14,20 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "process/spawn.h"
+
 namespace zanth {
 namespace process {
 
-// Stream settings of a child's standard input, output or error. Any value
-// of 0 or more is an open descriptor to use as that stream.
-constexpr int kStreamUnset = -1;    // Pipe level only: same as kStreamInherit
-constexpr int kStreamInherit = -2;  // keep the parent's descriptor
-constexpr int kStreamNull = -3;     // /dev/null
-constexpr int kStreamPipe = -4;     // a new pipe to the parent
-
-// Child exit statuses that carry a failure before exec.
-constexpr int kChildExitUnknown = 65;
-constexpr int kChildExitException = 66;
-constexpr int kChildExitSystemError = 67;
+class ProcessSetCatcher;
 
 // Gets each block read from a child.
 using BlockConsumer = boost::function<void(const std::vector<char>&)>;
@@ -100,7 +93,7 @@ class PipeFlags : public CommonFlags {
 // Every process but the last writes into a new pipe to the next one; the
 // last one's output follows setOutput(). Output is streamed in blocks of
 // readBlockSize(), so memory use does not grow with the data.
-class Pipe : public PipeFlags {
+class Pipe final : public PipeFlags {
  public:
   Pipe();
   virtual ~Pipe();
@@ -114,51 +107,18 @@ class Pipe : public PipeFlags {
   int run();
 
  private:
+  struct Streams;  // the children of one run and the parent's ends of their streams
+
+  // Spawns every process, wired output to input, with SIGCHLD blocked;
+  // each child gets callerMask back just before exec.
+  void launch(ProcessSetCatcher& catcher, const sigset_t& callerMask, Streams& streams) const;
+  // Feeds the input, hands out output and errors, and records exits until
+  // every child has ended and every stream is closed.
+  void serve(ProcessSetCatcher& catcher, Streams& streams);
+
   std::vector<ProcessSpec> specs_;
   bool launched_ = false;
 };
-
-// Descriptors of one spawn. Holds the parent's ends of the stream pipes that
-// were asked for and the control pipe; -1 marks a closed or unused one.
-// Whatever is still held is closed on destruction.
-struct SpawnState {
-  SpawnState() = default;
-  ~SpawnState();
-  SpawnState(const SpawnState&) = delete;
-  SpawnState& operator=(const SpawnState&) = delete;
-
-  pid_t pid = -1;
-  int stdinFd = -1;   // write end feeding the child's standard input
-  int stdoutFd = -1;  // read end of the child's standard output
-  int stderrFd = -1;  // read end of the child's standard error
-  int controlRead = -1;
-  int controlWrite = -1;  // the child's end; closed in the parent after fork
-};
-
-// Forks one child wired as the settings say and execs the program in it
-// (execve with an environment, else execvp when searchPath, else execv).
-// Returns in the parent only; call checkChildReport next.
-void spawnProcess(SpawnState& state, const std::vector<std::string>& arguments,
-                  const std::string& program, const char* workingDirectory,
-                  char* const* environment, bool closeDescriptors,
-                  bool searchPath, bool newSession,
-                  const boost::function<void()>& preExec, int stdinSetting,
-                  int stdoutSetting, int stderrSetting);
-
-// Reads the control pipe to its end and closes it; when the child reported
-// a failure, throws it again here (SystemError, std::runtime_error,
-// std::exception, or std::bad_exception for an unknown kind).
-void checkChildReport(SpawnState& state);
-
-// The parsing half of checkChildReport: throws the failure that the
-// control-pipe bytes describe, or returns when they describe none.
-void raiseChildReport(const std::string& data);
-
-// Child side of the control pipe: an "ET: " record with the type name and an
-// "EM: " record with the message; the second form adds an "EC: " record.
-// Does nothing when fd is negative.
-void reportChildError(int fd, const char* typeName, const char* message);
-void reportChildError(int fd, const char* typeName, const char* message, int code);
 
 // Writes to a non-blocking descriptor; returns the count written, 0 when it
 // is full. errno is preserved on success. Other failures throw SystemError.

@@ -1,6 +1,5 @@
-// Pipelines and the spawn routine with real programs: megabytes on every
-// stream at once, failures before exec surfacing in the parent with their
-// class and text, and clean-up after a failed run.
+// Pipelines with real programs: megabytes on every stream at once, misuse
+// refused, and clean-up after a failed run.
 #include "process/pipe.h"
 
 #include <gtest/gtest.h>
@@ -104,32 +103,6 @@ TEST(Pipe, MisuseIsRefused) {
   EXPECT_EQ("the pipe has been launched already", thrownWhat<std::logic_error>([&] { pipe.run(); }));
   EXPECT_EQ("adding processes to the launched pipe is prohibited",
             thrownWhat<std::logic_error>([&] { pipe.addProcess(sh("exit 0")); }));
-}
-
-TEST(Spawn, ChildExitCodeAndParentExceptionNameTheKindOfFailure) {
-  using Thrown = std::function<void()>;
-  const std::string longMessage(3000, 'm');  // spans several reads of the control pipe
-  const struct {
-    std::string program;
-    Thrown hook;
-    int exitCode;
-    std::string (*whatOf)(Thrown);  // catches only the class the parent must throw
-    std::string what;
-  } cases[] = {
-      {"/nonexistent", [] {}, 67, &thrownWhat<zanth::SystemError, Thrown>,
-       "execv: " + std::string(std::strerror(ENOENT))},
-      {"/bin/true", [&] { throw std::runtime_error(longMessage); }, 66,
-       &thrownWhat<std::runtime_error, Thrown>, longMessage},
-  };
-  for (const auto& c : cases) {
-    SpawnState state;
-    spawnProcess(state, {c.program}, c.program, nullptr, nullptr, false, false, false,
-                 boost::function<void()>(c.hook), kStreamInherit, kStreamInherit, kStreamInherit);
-    EXPECT_EQ(c.what, c.whatOf([&] { checkChildReport(state); }));
-    int status = -1;
-    ASSERT_EQ(state.pid, waitpid(state.pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode) << c.what << status;
-  }
 }
 
 }  // namespace

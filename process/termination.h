@@ -13,7 +13,7 @@ namespace zanth {
 namespace process {
 
 // The failure a held termination signal turns into at a step boundary.
-class TerminationSignal : public std::runtime_error {
+class TerminationSignal final : public std::runtime_error {
  public:
   explicit TerminationSignal(int signal);
   int signal() const { return signal_; }

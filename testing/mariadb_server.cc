@@ -66,7 +66,7 @@ std::string errorLogTail() {
   return log.size() > 2000 ? log.substr(log.size() - 2000) : log;
 }
 
-class MariaDbEnvironment : public ::testing::Environment {
+class MariaDbEnvironment final : public ::testing::Environment {
  public:
   void SetUp() override {
     try {

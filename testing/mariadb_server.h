@@ -39,7 +39,7 @@ struct LoggedCommand {
   std::string argument;  // the statement text of a Query
 };
 
-class MariaDbServer {
+class MariaDbServer final {
  public:
   // The one server of this test process.
   static MariaDbServer& instance();

@@ -24,7 +24,7 @@ std::vector<std::string> sampleBefore(const std::string& map);
 std::vector<std::string> sampleAfter(const std::string& map);
 
 // Puts a shell script at /usr/sbin/postmap while it lives; "$REAL" in it is the real one.
-class PostmapStandIn {
+class PostmapStandIn final {
  public:
   explicit PostmapStandIn(const std::string& script);
   ~PostmapStandIn();

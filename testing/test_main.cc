@@ -17,7 +17,7 @@ namespace {
 // Each test expects the fresh layout of the fixed paths. ctest gives every
 // test its own sandbox; a run of many tests in one process resets the
 // layout between them instead.
-class FreshLayout : public testing::EmptyTestEventListener {
+class FreshLayout final : public testing::EmptyTestEventListener {
  public:
   void OnTestStart(const testing::TestInfo&) override {
     if (!first_ && std::system((std::string(MXKEEP_SOURCE_DIR) +

@@ -17,6 +17,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/descriptors.h"
+
 namespace testing_support {
 
 namespace {
@@ -77,17 +79,18 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::string& in
   close(out[1]);
   close(err[1]);
   const PipeSignalHeld held;
+  return collectChild(pid, in[1], out[0], err[0], input);
+}
 
+RunResult collectChild(pid_t pid, int in_fd, int out_fd, int err_fd, const std::string& input) {
   RunResult result;
   size_t written = 0;
-  int in_fd = in[1];
   if (input.empty()) {
-    close(in_fd);
+    if (in_fd >= 0) close(in_fd);
     in_fd = -1;
   } else {
-    fcntl(in_fd, F_SETFL, O_NONBLOCK);
+    zanth::setNonBlocking(in_fd);
   }
-  int out_fd = out[0], err_fd = err[0];
   char buf[65536];
   while (out_fd >= 0 || err_fd >= 0 || in_fd >= 0) {
     struct pollfd fds[3] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}, {in_fd, POLLOUT, 0}};

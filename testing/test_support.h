@@ -26,6 +26,12 @@ struct RunResult {
 RunResult runProgram(const std::vector<std::string>& argv,
                      const std::string& input = "");
 
+// Serves the streams of the child pid until they end: writes `input` to
+// in_fd, collects out_fd and err_fd (any may be -1), closes all three and
+// reaps the child.
+RunResult collectChild(pid_t pid, int in_fd, int out_fd, int err_fd,
+                       const std::string& input = "");
+
 // Runs the built mxkeep_domain_rename with the given arguments.
 RunResult runTool(const std::vector<std::string>& args);
 
@@ -54,7 +60,7 @@ std::string thrownWhat(F f) {
 }
 
 // A fresh directory under /tmp, removed with its contents on destruction.
-class TempDir {
+class TempDir final {
  public:
   TempDir();
   ~TempDir();

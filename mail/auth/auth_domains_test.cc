@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 
 namespace {
 

@@ -61,7 +61,7 @@ int sqliteRetry(Attempt attempt, Again again) {
 //   if (openAuthDb(db, path, "Unable to open database %s: %s") != 0) return -1;
 //   ... work with db.get() ...
 //   return db.close();
-class SqliteDb {
+class SqliteDb final {
  public:
   SqliteDb() = default;
   explicit SqliteDb(sqlite3* db) : db_(db) {}
@@ -85,7 +85,7 @@ class SqliteDb {
 
 // Owns a prepared statement; finalizes it on destruction. Declare it after
 // the SqliteDb it belongs to, so that it is finalized before the close.
-class SqliteStatement {
+class SqliteStatement final {
  public:
   SqliteStatement() = default;
   SqliteStatement(const SqliteStatement&) = delete;

@@ -9,7 +9,7 @@
 #include <chrono>
 
 #include "mail/auth/auth_domains.h"
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 
 namespace {
 

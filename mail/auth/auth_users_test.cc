@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <string>
 
-#include "mail/auth/auth_testing.h"
+#include "testing/auth_testing.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <regex>
 
-#include "mail/handlers/handler_test_fixture.h"
+#include "testing/handler_fixture.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <sys/stat.h>
 
-#include "mail/handlers/handler_test_fixture.h"
+#include "testing/handler_fixture.h"
 
 namespace {
 

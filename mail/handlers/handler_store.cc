@@ -17,6 +17,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "common/descriptors.h"
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
@@ -105,12 +106,7 @@ bool writeLine(int fd, const char* value) {
     done -= skip;
     chunk += skip;
     left -= skip;
-    while (left > 0) {
-      n = zanth::retryEintr([&] { return ::write(fd, chunk, left); });
-      if (n < 0) return false;
-      chunk += n;
-      left -= static_cast<size_t>(n);
-    }
+    if (zanth::writeFully(fd, chunk, left) != 0) return false;
   }
   return true;
 }

@@ -8,8 +8,8 @@
 
 #include <cstdio>
 
-#include "mail/handlers/handler_test_fixture.h"
 #include "testing/child.h"
+#include "testing/handler_fixture.h"
 
 namespace {
 

@@ -20,13 +20,13 @@ class PostfixDatabaseError : public PostfixError {
   explicit PostfixDatabaseError(const std::string& message) : PostfixError(message) {}
 };
 
-class PostfixAuthenticationDBError : public PostfixDatabaseError {
+class PostfixAuthenticationDBError final : public PostfixDatabaseError {
  public:
   explicit PostfixAuthenticationDBError(const std::string& message)
       : PostfixDatabaseError(message) {}
 };
 
-class PostfixConfigurationError : public PostfixError {
+class PostfixConfigurationError final : public PostfixError {
  public:
   explicit PostfixConfigurationError(const std::string& message) : PostfixError(message) {}
 };

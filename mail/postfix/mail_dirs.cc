@@ -35,7 +35,7 @@ constexpr const char* kMailboxLayout[] = {"Maildir", "Maildir/tmp", "Maildir/new
                                           "@attachments"};
 
 // Sets the process umask for its lifetime and restores the caller's.
-class ScopedUmask {
+class ScopedUmask final {
  public:
   explicit ScopedUmask(mode_t mask) : saved_(::umask(mask)) {}
   ~ScopedUmask() { ::umask(saved_); }

@@ -23,6 +23,7 @@
 #include <string>
 
 #include "common/accounts.h"
+#include "common/descriptors.h"
 #include "common/errors.h"
 #include "common/idn.h"
 #include "common/maildir_walk.h"
@@ -66,20 +67,6 @@ class TempName final {
   const char* name_;
 };
 
-// write_all - write every byte, retrying on EINTR and EAGAIN; 0 / -1.
-int write_all(int fd, const char* data, size_t length) {
-  while (length > 0) {
-    const ssize_t n = ::write(fd, data, length);
-    if (n < 0) {
-      if (errno == EINTR || errno == EAGAIN) continue;
-      return -1;
-    }
-    data += n;
-    length -= static_cast<size_t>(n);
-  }
-  return 0;
-}
-
 void sleep_fully(unsigned seconds) {
   while ((seconds = ::sleep(seconds)) > 0) {
   }
@@ -107,11 +94,12 @@ int write_quota_file(zanth::UniqueFd& fd, uid_t uid, gid_t gid, long long quota_
     errno = EINVAL;
     return -1;
   }
-  if (write_all(fd.get(), text, static_cast<size_t>(n)) != 0) {
+  if (zanth::writeFully(fd.get(), text, static_cast<size_t>(n)) != 0) {
     report_error(0, 0, "unable to write data to file");
     return -1;
   }
-  if (zanth::retryEintr([&] { return ::fsync(fd.get()); }) != 0 || ::close(fd.release()) != 0) {
+  if (zanth::retryEintr([&] { return ::fsync(fd.get()); }) != 0 ||
+      zanth::closeDescriptor(fd.release()) != 0) {
     report_error(0, 0, "unable to commit written data to file");
     return -1;
   }

@@ -28,7 +28,7 @@ constexpr const char* kPlainMaildirLine = "./Maildir/";
 constexpr const char* kOwner = "popuser";
 constexpr mode_t kMode = 0600;
 
-bool isAsciiAlnum(char c) {
+bool is_ascii_alnum(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
@@ -38,7 +38,7 @@ bool isAsciiAlnum(char c) {
 int mailname_format(char* buf, size_t size, const char* mailname, const char* domain,
                     const char* suffix, const char* too_long) {
   if (mailname == nullptr || domain == nullptr ||
-      !(isAsciiAlnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-')) {
+      !(is_ascii_alnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-')) {
     errno = 0;
     report_error(0, 0, "empty mailname or maildomain");
     errno = EINVAL;

@@ -19,7 +19,7 @@ namespace postfix {
 namespace {
 
 // Sends std::clog to a private buffer for its scope.
-class ClogSilencer {
+class ClogSilencer final {
  public:
   ClogSilencer() : saved_(std::clog.rdbuf(sink_.rdbuf())) {}
   ~ClogSilencer() { std::clog.rdbuf(saved_); }

@@ -57,12 +57,12 @@ void renameIn(const std::string& from, const std::string& to) {
                    [](const auto& filter) { database::update(virtualMapSpec(Map), filter); });
 }
 
-typedef void (*MapRename)(const std::string& from, const std::string& to);
+using MapRename = void (*)(const std::string& from, const std::string& to);
 
 // Undo guard of one rewritten map: while an exception is in flight at its
 // destruction, renames newName back to oldName in that map.
 template <MapRename Rename>
-class MapUndoGuard {
+class MapUndoGuard final {
  public:
   MapUndoGuard(const std::string& oldName, const std::string& newName)
       : oldName_(oldName), newName_(newName) {}

@@ -82,7 +82,7 @@ void renameDomain(const std::string& oldName, const std::string& newName);
 //   renameDomain(oldName, newName);
 //   PostfixRenameGuard guard(oldName, newName);
 //   ...later steps that may throw...
-class PostfixRenameGuard {
+class PostfixRenameGuard final {
  public:
   PostfixRenameGuard(const std::string& oldName, const std::string& newName)
       : oldName_(oldName), newName_(newName) {}

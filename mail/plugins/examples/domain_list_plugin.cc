@@ -15,6 +15,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/descriptors.h"
 #include "common/fixed_paths.h"
 #include "common/syscall.h"
 #include "mail/plugins/rename_plugin.h"
@@ -40,17 +41,6 @@ bool read_all(int fd, std::string* text) {
     if (n == 0) return true;
     text->append(buf, static_cast<size_t>(n));
   }
-}
-
-bool write_all(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n =
-        zanth::retryEintr([&] { return ::write(fd, text.data() + done, text.size() - done); });
-    if (n < 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 bool same_name(const std::string& line, const char* name) {
@@ -105,7 +95,8 @@ int replace_list(const std::string& text, const struct stat& old_list) {
     if (out.get() < 0) return fail(temp, "open");
     if (::fchown(out.get(), old_list.st_uid, old_list.st_gid) != 0 ||
         ::fchmod(out.get(), old_list.st_mode & kPermissionBits) != 0 ||
-        !write_all(out.get(), text) || ::fsync(out.get()) != 0 || ::close(out.release()) != 0) {
+        zanth::writeFully(out.get(), text.data(), text.size()) != 0 ||
+        ::fsync(out.get()) != 0 || zanth::closeDescriptor(out.release()) != 0) {
       fail(temp, "write");
       ::unlink(temp.c_str());
       return 1;

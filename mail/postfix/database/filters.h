@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "process/pipe.h"
+
 namespace zanth {
 namespace mail {
 namespace postfix {
@@ -52,7 +54,7 @@ inline bool isListSep(char c) { return detail::kListSep.sep[static_cast<unsigned
 
 // ReplaceElementFilterRef - an element equal to `from` (bytewise) becomes
 // `to`; anything else is left alone. Always true.
-class ReplaceElementFilterRef {
+class ReplaceElementFilterRef final {
  public:
   ReplaceElementFilterRef(const std::string& from, const std::string& to)
       : from_(from), to_(to) {}
@@ -70,7 +72,7 @@ class ReplaceElementFilterRef {
 // ReplaceDomainPart - renames the domain `from` to `to` in a bare domain or
 // an address: "from" and "local@from" change, "x.from" only when subdomains
 // is set, "xfrom" never. Always true.
-class ReplaceDomainPart {
+class ReplaceDomainPart final {
  public:
   ReplaceDomainPart(const std::string& from, const std::string& to, bool subdomains)
       : from_(from), to_(to), subdomains_(subdomains) {}
@@ -97,7 +99,7 @@ class ReplaceDomainPart {
 // replaced by toPath. No separator has to follow the prefix, so "a.x" also
 // turns "a.x.org/m/" into "b.x.org/m/" when renaming a.x to b.x: maps rely
 // on the text rule, not on path components. Always true.
-class ReplaceDomainPath {
+class ReplaceDomainPath final {
  public:
   ReplaceDomainPath(const std::string& fromPath, const std::string& toPath)
       : fromPath_(fromPath), toPath_(toPath) {}
@@ -118,12 +120,12 @@ class ReplaceDomainPath {
 // only when the text so far is not empty, so leading separators vanish.
 // Returns false, value untouched, when the rebuilt list is empty.
 template <class F>
-class ValueListFilter {
+class ValueListFilter final {
  public:
   explicit ValueListFilter(const F& rule) : rule_(rule) {}
 
   bool operator()(std::string& value) const {
-    typedef boost::split_iterator<std::string::iterator> SplitIterator;
+    using SplitIterator = boost::split_iterator<std::string::iterator>;
     std::string& result = detail::scratch(detail::kListScratch);
     std::string& element = detail::scratch(detail::kElementScratch);
     result.clear();
@@ -184,7 +186,7 @@ bool filterRecord(std::string& line, const KeyRule& keyRule, const ValueRule& va
 // ElementsFilter - line filter applying rule F to the key and to every
 // element of the value list. True keeps the (rewritten) line.
 template <class F>
-class ElementsFilter {
+class ElementsFilter final {
  public:
   explicit ElementsFilter(const F& rule) : rule_(rule), values_(rule) {}
 
@@ -198,7 +200,7 @@ class ElementsFilter {
 // KeyValueFilter - line filter applying KF to the key and VF to the whole
 // value as one element. True keeps the (rewritten) line.
 template <class KF, class VF>
-class KeyValueFilter {
+class KeyValueFilter final {
  public:
   KeyValueFilter(const KF& keyRule, const VF& valueRule)
       : keyRule_(keyRule), valueRule_(valueRule) {}
@@ -226,10 +228,8 @@ class KeyValueFilter {
 //   pipe.run();
 //   f.finish();                                  // the last, unterminated line
 template <class L>
-class DataStreamFilter {
+class DataStreamFilter final {
  public:
-  typedef boost::function<void(const std::vector<char>&)> Consumer;
-
   DataStreamFilter(const L& filter, std::ostream& out) : filter_(filter), out_(out) {}
   DataStreamFilter(const DataStreamFilter&) = delete;
   DataStreamFilter& operator=(const DataStreamFilter&) = delete;
@@ -248,7 +248,7 @@ class DataStreamFilter {
   }
 
   // consumer - a callback feeding this object; it must outlive the callback.
-  Consumer consumer() {
+  process::BlockConsumer consumer() {
     return boost::bind(&DataStreamFilter::operator(), this, boost::placeholders::_1);
   }
 

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/descriptors.h"
 #include "common/syscall.h"
 #include "mail/postfix/errors.h"
 #include "process/pipe.h"
@@ -67,14 +68,9 @@ bool AutocleanOFStream::FileBuffer::flushBuffer() {
   size_t left = static_cast<size_t>(pptr() - pbase());
   setp(space_.data(), space_.data() + space_.size());
   if (!failure_.empty() || fd_ < 0) return false;
-  while (left > 0) {
-    ssize_t n = zanth::retryEintr([&] { return ::write(fd_, data, left); });
-    if (n < 0) {
-      fail("write", std::strerror(errno));
-      return false;
-    }
-    data += n;
-    left -= static_cast<size_t>(n);
+  if (zanth::writeFully(fd_, data, left) != 0) {
+    fail("write", std::strerror(errno));
+    return false;
   }
   return true;
 }
@@ -94,9 +90,8 @@ void AutocleanOFStream::FileBuffer::close() {
   flushBuffer();
   const int fd = fd_;
   fd_ = -1;
-  // A close can report a write that failed late (NFS, quota); Linux has
-  // released the descriptor whatever it says.
-  if (::close(fd) != 0 && errno != EINTR) fail("close", std::strerror(errno));
+  // A close can report a write that failed late (NFS, quota).
+  if (zanth::closeDescriptor(fd) != 0) fail("close", std::strerror(errno));
 }
 
 AutocleanOFStream::AutocleanOFStream(const std::string& fileName)
@@ -135,7 +130,7 @@ bool exitedWithZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status
 // ends the list), its standard output to consumer when there is one. Throws
 // PostfixConfigurationError with what it wrote to standard error.
 void runPostmap(const std::string& firstArgument, const std::string& secondArgument,
-                const MapRewrite::Consumer* consumer) {
+                const process::BlockConsumer* consumer) {
   std::string errors;
   process::ProcessSpec child(kPostmapPath, firstArgument, secondArgument);
   child.stderrSetting = process::kStreamPipe;
@@ -149,7 +144,7 @@ void runPostmap(const std::string& firstArgument, const std::string& secondArgum
 }
 
 // Hands each line to a visitor and keeps none.
-class LineVisitor {
+class LineVisitor final {
  public:
   explicit LineVisitor(const boost::function<void(const std::string&)>& visit) : visit_(visit) {}
   bool operator()(const std::string& line) const {
@@ -171,7 +166,7 @@ std::string mapPath(const std::string& spec) {
 void readMap(const std::string& spec, const boost::function<void(const std::string&)>& visit) {
   std::ostream nowhere(nullptr);  // LineVisitor keeps no line
   DataStreamFilter<LineVisitor> lines(LineVisitor(visit), nowhere);
-  const MapRewrite::Consumer consumer = lines.consumer();
+  const process::BlockConsumer consumer = lines.consumer();
   runPostmap("-s", spec, &consumer);
   lines.finish();
 }
@@ -187,10 +182,10 @@ void MapRewrite::checkTextSource() const {
   if (!text_.failure().empty()) throw PostfixConfigurationError(text_.failure());
 }
 
-void MapRewrite::dump(const Consumer& consumer) {
+void MapRewrite::dump(const process::BlockConsumer& consumer) {
   // A text source that has lost a record is useless: stop the dump at once
   // (the pipe stops postmap) rather than filter the rest into nowhere.
-  const Consumer checked = [this, &consumer](const std::vector<char>& block) {
+  const process::BlockConsumer checked = [this, &consumer](const std::vector<char>& block) {
     consumer(block);
     checkTextSource();
   };

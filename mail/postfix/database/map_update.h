@@ -17,6 +17,7 @@
 #include "mail/postfix/database/filters.h"
 #include "common/fixed_paths.h"
 #include "process/lock.h"
+#include "process/pipe.h"
 
 namespace zanth {
 
@@ -27,7 +28,7 @@ namespace zanth {
 // silently, and removes its file when destroyed, whatever the outcome: the
 // file exists only to be read by postmap meanwhile. errno is the same after
 // destruction as before.
-class AutocleanOFStream : public std::ostream {
+class AutocleanOFStream final : public std::ostream {
  public:
   explicit AutocleanOFStream(const std::string& fileName);
   ~AutocleanOFStream() override;
@@ -43,7 +44,7 @@ class AutocleanOFStream : public std::ostream {
   const std::string& failure() const { return buffer_.failure(); }
 
  private:
-  class FileBuffer : public std::streambuf {
+  class FileBuffer final : public std::streambuf {
    public:
     FileBuffer();
     ~FileBuffer() override;
@@ -89,10 +90,8 @@ void readMap(const std::string& spec, const boost::function<void(const std::stri
 // One dump-filter-rebuild cycle of a map. Construction takes the map's
 // lock (waiting) and opens the text source; destruction removes the text
 // source, then releases the lock. Use through update().
-class MapRewrite {
+class MapRewrite final {
  public:
-  typedef boost::function<void(const std::vector<char>&)> Consumer;
-
   explicit MapRewrite(const std::string& spec);
   ~MapRewrite();
   MapRewrite(const MapRewrite&) = delete;
@@ -103,7 +102,7 @@ class MapRewrite {
 
   // dump - runs "postmap -s spec", feeding its output to consumer. Throws
   // PostfixConfigurationError as soon as the text source has failed.
-  void dump(const Consumer& consumer);
+  void dump(const process::BlockConsumer& consumer);
 
   // rebuild - closes the text source and runs "postmap spec" on it, only
   // when every byte of it was written.

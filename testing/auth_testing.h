@@ -1,35 +1,24 @@
 // Test helpers of the authentication database tests: SQL that bypasses the
-// code under test, a scratch database and a capture of the mail_log hook.
-#ifndef MXKEEP_MAIL_AUTH_AUTH_TESTING_H
-#define MXKEEP_MAIL_AUTH_AUTH_TESTING_H
+// code under test and a scratch database whose messages are captured.
+#ifndef MXKEEP_TESTING_AUTH_TESTING_H
+#define MXKEEP_TESTING_AUTH_TESTING_H
 
 #include <sqlite3.h>
 
-#include <cstdarg>
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "common/mail_log.h"
 #include "mail/auth/auth_db.h"
+#include "testing/log_capture.h"
 #include "testing/test_support.h"
 
 namespace auth_testing {
 
 using Rows = std::vector<std::string>;
 
-inline Rows captured_log;  // "priority:text" of what the default hook would print
-
-inline void captureHook(int priority, const char* format, ...) {
-  if (priority > mail_log_threshold) return;
-  char text[8192];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  captured_log.push_back(std::to_string(priority) + ":" + text);
-}
+using testing_support::captured_log;
 
 // Runs sql on its own connection: the rows, columns joined by '|', NULL
 // spelled out. SQLite's error text goes to *error, or throws without one.
@@ -62,7 +51,7 @@ struct ScratchDb {
     if (mail_auth_recreate() != 0) throw std::runtime_error("cannot create " + path);
     sqlRows(path, seed);
     captured_log.clear();
-    mail_log = captureHook;
+    mail_log = testing_support::captureMailLog;
   }
   ~ScratchDb() { mail_auth_set_path(saved_path); mail_log = mail_log_default; }
   Rows rows(const std::string& sql) const { return sqlRows(path, sql); }
@@ -80,4 +69,4 @@ constexpr char kSeed[] =
 
 }  // namespace auth_testing
 
-#endif  // MXKEEP_MAIL_AUTH_AUTH_TESTING_H
+#endif  // MXKEEP_TESTING_AUTH_TESTING_H

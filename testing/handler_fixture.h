@@ -1,18 +1,19 @@
 // Test fixture of the handler tests: an empty store at its fixed paths in the
 // sandbox, no refresh program, mail_log captured, helpers to add and read.
-#ifndef MXKEEP_MAIL_HANDLERS_HANDLER_TEST_FIXTURE_H
-#define MXKEEP_MAIL_HANDLERS_HANDLER_TEST_FIXTURE_H
+#ifndef MXKEEP_TESTING_HANDLER_FIXTURE_H
+#define MXKEEP_TESTING_HANDLER_FIXTURE_H
 
 #include <gtest/gtest.h>
 
 #include "common/syscall.h"
-#include "mail/auth/auth_testing.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/handlers/handler_store.h"
+#include "testing/log_capture.h"
+#include "testing/test_support.h"
 
 namespace handler_testing {
 
-using auth_testing::captured_log;
+using testing_support::captured_log;
 using Strings = std::vector<std::string>;
 const std::string kInfo = "/opt/orb/handlers/info/";
 const std::string kRefreshLog = "/run/handlers-refresh.log";
@@ -30,7 +31,7 @@ class HandlerStore : public ::testing::Test {
                                         kHandlersRefreshProgram + " && mkdir -p " + kInfo)
                      .exitCode());
     captured_log.clear();
-    mail_log = auth_testing::captureHook;
+    mail_log = testing_support::captureMailLog;
   }
   void TearDown() override { mail_log = mail_log_default; }
 
