@@ -62,9 +62,8 @@ class SigpipeIgnore final {
       throw SystemError("sigaction");
   }
   ~SigpipeIgnore() {
-    int saved = errno;
+    const ErrnoSaver keep;
     ::sigaction(SIGPIPE, &saved_, nullptr);
-    errno = saved;
   }
   SigpipeIgnore(const SigpipeIgnore&) = delete;
   SigpipeIgnore& operator=(const SigpipeIgnore&) = delete;
@@ -88,7 +87,7 @@ class ChildReaper final {
   explicit ChildReaper(std::vector<Launched>& launched) : launched_(launched) {}
   ~ChildReaper() {
     if (finished_) return;
-    const int saved = errno;
+    const ErrnoSaver keep;
     for (Launched& child : launched_) {
       if (child.exited) continue;
       ::kill(child.pid, SIGKILL);
@@ -96,7 +95,6 @@ class ChildReaper final {
       retryEintr([&] { return ::waitpid(child.pid, &child.status, 0); });
       child.exited = true;
     }
-    errno = saved;
   }
   ChildReaper(const ChildReaper&) = delete;
   ChildReaper& operator=(const ChildReaper&) = delete;

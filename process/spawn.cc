@@ -36,9 +36,8 @@ constexpr size_t kTagLength = 4;
 
 void closeQuietly(int& fd) {
   if (fd < 0) return;
-  int saved = errno;
+  const ErrnoSaver keep;
   ::close(fd);
-  errno = saved;
   fd = -1;
 }
 
