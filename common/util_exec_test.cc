@@ -73,4 +73,92 @@ TEST(UtilExec, PopenReportsCodeAndOutput) {
   EXPECT_EQ(r.out, r.err);
 }
 
+// Programs run by the entry points below; a null script runs kMissing.
+struct RunCase {
+  const char* script;
+  int code;         // the entry point's result, or the child's exit status
+  std::string out;  // what the caller's standard output shows
+  std::string err;  // what the caller's standard error shows
+};
+
+constexpr const char* kMissing = "/nonexistent/prog";
+
+TEST(UtilExec, UtilExecPassesStreamsAndReportsStandardErrorAsItComes) {
+  const RunCase cases[] = {
+      {"exit 3", 3, "", ""},
+      {"cat; echo oops >&2", 0, "oops\n", "oops\n"},
+      {nullptr, 255, "Error occured during execv():\nNo such file or directory.\n",
+       "Error occured during execv():\nNo such file or directory.\n"},
+  };
+  for (const RunCase& c : cases) {
+    SCOPED_TRACE(c.script ? c.script : "missing");
+    TempDir dir;
+    writeFile(dir.path() + "/in", "ping\n");
+    RunResult r = runInChild([&] {
+      int in = open((dir.path() + "/in").c_str(), O_RDONLY);
+      int out = open((dir.path() + "/out").c_str(), O_WRONLY | O_CREAT, 0600);
+      Shell sh{c.script ? c.script : ""};
+      // The forked child comes back here as -1 when execv fails.
+      return util_exec(in, out, c.script ? "/bin/sh" : kMissing, sh.argv);
+    });
+    EXPECT_EQ(c.code, r.exitCode());
+    EXPECT_EQ(c.out, r.out);
+    EXPECT_EQ(c.err, r.err);
+    EXPECT_EQ(c.script && c.code == 0 ? "ping\n" : "", readFile(dir.path() + "/out"));
+  }
+  RunResult r = runInChild([] {
+    Shell sh{"exit 0"};
+    return util_exec(STDIN_FILENO, 5, "/bin/sh", sh.argv) + 1;
+  });
+  EXPECT_EQ(0, r.exitCode());
+  EXPECT_EQ("util_exec: standard input and output of '/bin/sh' must be redirected\n", r.out);
+}
+
+TEST(UtilExec, ExecSilentShowsNothingAndTellsOnlyOfASignal) {
+  for (const RunCase& c : {RunCase{"echo out; echo err >&2; exit 3", 0, "", ""},
+                           RunCase{"kill -KILL $$", 1, "", ""}, RunCase{nullptr, 0, "", ""}}) {
+    RunResult r = runInChild([&] {
+      return c.script ? exec_silent("/bin/sh", "sh", "-c", c.script, nullptr)
+                      : exec_silent(kMissing, "prog", nullptr);
+    });
+    EXPECT_EQ(c.code, r.exitCode()) << (c.script ? c.script : kMissing);
+    EXPECT_EQ("", r.out + r.err);
+  }
+}
+
+TEST(UtilExec, LibUtilityGetsItsArgumentsAndFailsWithItsOutput) {
+  writeFile("/usr/lib/zanth-9.0/mxkeep-args", "#!/bin/sh\necho \"$0|$*\" >&2\nexit $1\n", 0755);
+  const std::string failed =
+      "/usr/lib/zanth-9.0/mxkeep-args execution failed:\n/usr/lib/zanth-9.0/mxkeep-args|4 b\n";
+  const RunCase cases[] = {{"0", 0, "", ""}, {"4", 4, failed, failed}};
+  for (const RunCase& c : cases) {
+    RunResult r = runInChild([&] { return lib_util_exec("mxkeep-args", c.script, "b", nullptr); });
+    EXPECT_EQ(c.code, r.exitCode()) << c.script;
+    EXPECT_EQ(c.out, r.out);
+    EXPECT_EQ(c.err, r.err);
+  }
+}
+
+TEST(UtilExec, PopenCapturesStandardOutputAndGivesTheShellsCode) {
+  const RunCase cases[] = {
+      {"echo hi; echo ignored >&2; exit 3", 3, "hi\n", "ignored\n"},
+      {"true", 0, "", ""},
+      {"head -c 70000 /dev/zero | tr '\\0' o", 0, std::string(70000, 'o'), ""},
+      {"/nonexistent/prog", 127, "", "sh: 1: /nonexistent/prog: not found\n"},
+  };
+  for (const RunCase& c : cases) {
+    SCOPED_TRACE(c.script);
+    RunResult r = runInChild([&] {
+      char* out = nullptr;
+      int code = popen_exec(c.script, &out);
+      std::fputs(out, stdout);
+      std::free(out);
+      return code;
+    });
+    EXPECT_EQ(c.code, r.exitCode());
+    EXPECT_EQ(c.out, r.out);
+    EXPECT_EQ(c.err, r.err);
+  }
+}
+
 }  // namespace
