@@ -52,9 +52,6 @@ TEST(UtilExec, FailingProgramIsReportedWithItsOutput) {
   EXPECT_EQ(report, r.out);
   EXPECT_EQ("100% %s%n done\n" + report, r.err);  // the output is text, never a format
 
-  r = runInChild([] { return exec_capture_report_va("/bin/sh", "sh", "-c", "exit 1", nullptr); });
-  EXPECT_EQ(1, r.exitCode());
-  EXPECT_EQ("/bin/sh execution failed (no output)\n", r.out);
 }
 
 TEST(UtilExec, AdminUtilityNameWithPathIsRefused) {
@@ -66,11 +63,91 @@ TEST(UtilExec, AdminUtilityNameWithPathIsRefused) {
   EXPECT_FALSE(pathExists("/run/started"));
 }
 
-TEST(UtilExec, PopenReportsCodeAndOutput) {
-  RunResult r = runInChild([] { return popen_exec_report("exit 2"); });
-  EXPECT_EQ(2, r.exitCode());
-  EXPECT_EQ("popen_exec: command failed code: 2 , error: none\n", r.out);
-  EXPECT_EQ(r.out, r.err);
+// Scripts util_exec runs with sh -c; a null script runs kMissing instead.
+struct RunCase {
+  const char* script;
+  int code;         // the entry point's result, or the child's exit status
+  std::string out;  // what the caller's standard output shows
+  std::string err;  // what the caller's standard error shows
+};
+
+constexpr const char* kMissing = "/nonexistent/prog";
+
+TEST(UtilExec, UtilExecPassesStreamsAndReportsStandardErrorAsItComes) {
+  const RunCase cases[] = {
+      {"exit 3", 3, "", ""},
+      {"cat; echo oops >&2", 0, "oops\n", "oops\n"},
+      {nullptr, 255, "Error occured during execv():\nNo such file or directory.\n",
+       "Error occured during execv():\nNo such file or directory.\n"},
+  };
+  for (const RunCase& c : cases) {
+    SCOPED_TRACE(c.script ? c.script : "missing");
+    TempDir dir;
+    writeFile(dir.path() + "/in", "ping\n");
+    RunResult r = runInChild([&] {
+      int in = open((dir.path() + "/in").c_str(), O_RDONLY);
+      int out = open((dir.path() + "/out").c_str(), O_WRONLY | O_CREAT, 0600);
+      Shell sh{c.script ? c.script : ""};
+      // The forked child comes back here as -1 when execv fails.
+      return util_exec(in, out, c.script ? "/bin/sh" : kMissing, sh.argv);
+    });
+    EXPECT_EQ(c.code, r.exitCode());
+    EXPECT_EQ(c.out, r.out);
+    EXPECT_EQ(c.err, r.err);
+    EXPECT_EQ(c.script && c.code == 0 ? "ping\n" : "", readFile(dir.path() + "/out"));
+  }
+  const RunResult r = runInChild([] {
+    Shell sh{"exit 0"};
+    return util_exec(STDIN_FILENO, 5, "/bin/sh", sh.argv) + 1;
+  });
+  EXPECT_EQ(0, r.exitCode());
+  EXPECT_EQ("util_exec: standard input and output of '/bin/sh' must be redirected\n", r.out);
+}
+
+// popen_exec with what it captured printed after it.
+int popenPrinting(const char* command) {
+  char* out = nullptr;
+  const int code = popen_exec(command, &out);
+  std::fputs(out, stdout);
+  std::free(out);
+  return code;
+}
+
+TEST(UtilExec, SilentLibraryAndShellRunsGiveTheirCodeAndOutput) {
+  writeFile("/usr/lib/zanth-9.0/mxkeep-args", "#!/bin/sh\necho \"$0|$*\" >&2\nexit $1\n", 0755);
+  const std::string failed =
+      "/usr/lib/zanth-9.0/mxkeep-args execution failed:\n/usr/lib/zanth-9.0/mxkeep-args|4 b\n";
+  const std::string noOutput = "/bin/sh execution failed (no output)\n";
+  const std::string popenFailed = "popen_exec: command failed code: 2 , error: none\n";
+  const struct {
+    int (*run)();
+    int code;
+    std::string out{}, err{};  // on the caller's standard output and error
+  } cases[] = {
+      // exec_silent shows nothing and tells only of a signal.
+      {[] { return exec_silent("/bin/sh", "sh", "-c", "echo o; echo e >&2; exit 3", nullptr); }, 0},
+      {[] { return exec_silent("/bin/sh", "sh", "-c", "kill -KILL $$", nullptr); }, 1},
+      {[] { return exec_silent(kMissing, "prog", nullptr); }, 0},
+      // lib_util_exec passes its arguments after the program's path.
+      {[] { return lib_util_exec("mxkeep-args", "0", "b", nullptr); }, 0},
+      {[] { return lib_util_exec("mxkeep-args", "4", "b", nullptr); }, 4, failed, failed},
+      {[] { return exec_capture_report_va("/bin/sh", "sh", "-c", "exit 1", nullptr); }, 1, noOutput,
+       noOutput},
+      // popen_exec captures standard output past its buffer step.
+      {[] { return popenPrinting("echo hi; echo ignored >&2; exit 3"); }, 3, "hi\n", "ignored\n"},
+      {[] { return popenPrinting("true"); }, 0},
+      {[] { return popenPrinting("head -c 70000 /dev/zero | tr '\\0' o"); }, 0,
+       std::string(70000, 'o')},
+      {[] { return popenPrinting(kMissing); }, 127, "", "sh: 1: /nonexistent/prog: not found\n"},
+      {[] { return popen_exec_report("exit 2"); }, 2, popenFailed, popenFailed},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("row " + std::to_string(&c - cases));
+    const RunResult r = runInChild(c.run);
+    EXPECT_EQ(c.code, r.exitCode());
+    EXPECT_EQ(c.out, r.out);
+    EXPECT_EQ(c.err, r.err);
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Handler actions on the real store inside the test sandbox: the domain
-// rename with the refresh program it runs, and failure counting.
+// rename with the refresh program it runs, failure counting, and the
+// actions on a whole template.
 #include "mail/handlers/handler_actions.h"
 
 #include <unistd.h>
@@ -112,6 +113,36 @@ TEST_F(HandlerActions, RenameToTheSameTargetInOtherCaseStillRemovesTheHandler) {
   EXPECT_FALSE(testing_support::pathExists(kInfo + name));
   EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
   EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(kInfo), {}));
+}
+
+// Handlers of templates spam, spam, antispam and virus, then one action on
+// a template; each handler is then "on", "off" or "gone".
+TEST_F(HandlerActions, TemplateActionTakesTheWholeTemplateNameOrAll) {
+  struct Row { const char* tmpl; int action; int result; const char* states; };
+  const Row rows[] = {
+      {"spam", kHandlerSwitchOff, 0, "off off on on"},
+      {"all", kHandlerSwitchOff, 0, "off off off off"},
+      {"spam", kHandlerRemove, 0, "gone gone on on"},
+      {"Spam", kHandlerRemove, 0, "on on on on"},
+      {"virus", kHandlerRename, -1, "on on on on"},  // no new target: each one fails
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.tmpl) + " " + std::to_string(row.action));
+    SetUp();
+    const std::string names[] = {add("recipient", "u@a.example"), add("sender", "v@a.example"),
+                                 add("recipient", "w@a.example", "antispam"),
+                                 add("recipient", "x@a.example", "virus")};
+    EXPECT_EQ(row.result, handlers_act_on_template(row.tmpl, row.action));
+    std::string states;
+    for (const std::string& name : names)
+      states += std::string(states.empty() ? "" : " ") +
+                (!testing_support::pathExists(kInfo + name) ? "gone"
+                 : handler_action(name.c_str(), nullptr, kHandlerQuery) == 1 ? "on" : "off");
+    EXPECT_EQ(row.states, states);
+    if (row.result == 0) {
+      EXPECT_EQ(Strings(), captured_log);
+    }
+  }
 }
 
 }  // namespace

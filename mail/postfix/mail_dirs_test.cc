@@ -1,5 +1,6 @@
 // Mail directories checked on disk in the sandbox: owners and modes of what
-// is made, the umask around it, and the first error of a failed mailbox.
+// is made, the umask around it, the first error of a failed mailbox, and
+// what each disposal leaves behind.
 #include "mail/postfix/mail_dirs.h"
 
 #include <gtest/gtest.h>
@@ -56,6 +57,41 @@ TEST_F(MailDirs, HalfMadeMailboxIsRemovedAndTheFirstErrorKept) {
     EXPECT_EQ(cleanUpFails, pathExists(kBox));
     EXPECT_EQ(027u, umaskNow());
     if (cleanUpFails) { ASSERT_EQ(0, ::umount((kBox + "/@attachments").c_str())); }
+  }
+}
+
+// The tree is a.example/info/m; "#" stands for the inode number of the
+// directory moved aside, read before the move.
+TEST_F(MailDirs, DisposalKeepsRemovesOrSavesUnderTheInodeSuffixedName) {
+  struct Row { bool domain; int disposal; const char* left; };
+  const Row rows[] = {
+      {true, pf::kKeepDirectory, "a.example a.example/info a.example/info/m"},
+      {true, 7, "a.example a.example/info a.example/info/m"},
+      {true, pf::kRemoveDirectory, ""},
+      {true, pf::kSaveDirectory,
+       "a.example.ZanthSaved.# a.example.ZanthSaved.#/info a.example.ZanthSaved.#/info/m"},
+      {false, pf::kKeepDirectory, "a.example a.example/info a.example/info/m"},
+      {false, pf::kRemoveDirectory, "a.example"},
+      {false, pf::kSaveDirectory,
+       "a.example a.example/info.ZanthSaved.# a.example/info.ZanthSaved.#/m"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::to_string(row.domain) + " " + std::to_string(row.disposal));
+    const std::string dir = row.domain ? "/var/qmail/mailnames/a.example" : kBox;
+    ASSERT_EQ(0, shell("rm -rf /var/qmail/mailnames/*; mkdir -p " + kBox + " && touch " + kBox + "/m")
+                     .exitCode());
+    const std::string inode = shell("stat -c %i " + dir + " | tr -d '\\n'").out;
+    // Twice: the second time finds nothing left to remove or save.
+    for (int pass = 0; pass < 2; ++pass) {
+      if (row.domain)
+        pf::disposeDomainDirectory(pop_, "a.example", row.disposal);
+      else
+        pf::disposeMailboxDirectory(pop_, "a.example", "info", row.disposal);
+    }
+    std::string left = row.left;
+    for (size_t at; (at = left.find('#')) != std::string::npos;) left.replace(at, 1, inode);
+    EXPECT_EQ(left + "\n", shell("cd /var/qmail/mailnames && find . -mindepth 1 -printf '%P\\n' | "
+                                 "LC_ALL=C sort | xargs echo").out);
   }
 }
 
