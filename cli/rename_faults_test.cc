@@ -256,7 +256,7 @@ TEST_F(RenameFaults, TerminationSignalsWaitForTheStepThenFailIt) {
   }
 
   // SIGHUP while the handler store is first refreshed, in the last step: it
-  // fails as a late failure does, the designed undo included.
+  // fails as a late failure does: the Postfix step is run in reverse.
   ASSERT_EQ(0, handler_add("virus", "recipient-domain", "a.example", "/bin/true", "ctx", "smtp",
                            "20", kHandlerSwitchOn));
   writeFile(kRefresh, "#!/bin/sh\n[ -e /run/refreshed ] && exit 0\ntouch /run/refreshed\n" +
@@ -349,7 +349,8 @@ TEST_F(RenameFaults, SameRenameAgainCompletesAfterACrashAnywhere) {
 }
 
 TEST_F(RenameFaults, RecoveryAfterALateFailureOrALateCrashIsTheSameRenameAgain) {
-  // Late failure: designed end state, then the cause fixed, then the rerun.
+  // Late failure: maps under the new name, directory under the old; then
+  // the cause fixed, then the rerun.
   installPlugin("failing.so");
   installPlugin("recording.so");
   RunResult r = runTool({"a.example", "b.example"});

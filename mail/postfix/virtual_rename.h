@@ -15,7 +15,7 @@ namespace zanth {
 namespace mail {
 namespace postfix {
 
-// The map specifications, in the order they are rewritten.
+// The maps' names ("hash:<path>"), in the order they are rewritten.
 extern const char* const kVirtualDomainsMap;
 extern const char* const kVirtualMap;
 extern const char* const kVmailboxMap;
@@ -25,7 +25,7 @@ enum class VirtualMap { kVirtualDomains, kVirtual, kVmailbox };
 constexpr VirtualMap kVirtualMaps[] = {VirtualMap::kVirtualDomains, VirtualMap::kVirtual,
                                        VirtualMap::kVmailbox};
 
-// virtualMapSpec - the map specification ("hash:/...") of a map.
+// virtualMapSpec - the name ("hash:<path>") postmap knows the map by.
 const char* virtualMapSpec(VirtualMap map);
 
 // withRenameFilter - calls use(filter) with the line filter that renames
