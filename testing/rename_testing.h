@@ -75,15 +75,20 @@ inline void expectPlaces(Records (*records)(const std::string&), const std::stri
   EXPECT_EQ(users, authUsers());
 }
 
+// The lines of text, without their ends.
+inline Records lines(const std::string& text) {
+  Records result;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) result.push_back(line);
+  return result;
+}
+
 // The target of every handler in the store, sorted, as its files say.
 inline Records handlerTargets() {
-  Records targets;
-  std::istringstream in(testing_support::shell("cat /opt/orb/handlers/info/*/recipient "
-                                               "/opt/orb/handlers/info/*/recipient-domain "
-                                               "2>/dev/null | sort")
-                            .out);
-  for (std::string line; std::getline(in, line);) targets.push_back(line);
-  return targets;
+  return lines(
+      testing_support::shell("cat /opt/orb/handlers/info/*/recipient "
+                             "/opt/orb/handlers/info/*/recipient-domain 2>/dev/null | sort")
+          .out);
 }
 
 // The sample mail layer with the sample handlers and a refresh program that
