@@ -140,6 +140,8 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
        "e.example"},
       {"no mail directory", "rm -r " + kMailNames + "a.example", 1, true, ""},
       {"broken map", "rm " + vmailbox + ".db", 1, true, ""},
+      {"old name not in the database", sql + "DELETE FROM domains WHERE name='a.example'\"", 3,
+       false, ""},
       {"taken name", takenName, 1, true,
        "auth_database: failure: new name already present, the rename fails here: "
        "domain b.example (0 users)"},

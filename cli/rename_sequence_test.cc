@@ -49,14 +49,6 @@ TEST_F(RenameSequence, EveryPlaceFollowsAnInternationalisedName) {
   EXPECT_NE(std::string::npos, readFile(kRefreshLog).find("refresh\n"));
 }
 
-TEST_F(RenameSequence, OldNameMissingFromAuthenticationDatabase) {
-  auth_testing::sqlRows(kAuthDb, "DELETE FROM domains WHERE name='a.example'");
-  const RunResult r = runTool({"a.example", "b.example"});
-  EXPECT_EQ(0, r.exitCode()) << r.err;
-  EXPECT_TRUE(pathExists(kMailNames + "b.example/info"));
-  EXPECT_EQ((Records{"c.example bob"}), authUsers());
-}
-
 struct LateFailure {
   const char* name;
   void (*cause)();
