@@ -66,8 +66,6 @@ const LateFailure kLateFailures[] = {
      "(unable to update domain name in mail authentication database)\n",
      true,
      {"a.example info", "b.example old", "c.example bob"}},
-    {"RefusingPlugin", [] { installPlugin("test_plugins/failing.so"); },
-     "plugin 'failing.so' failed with status '1'\n", kServicesFailed, false, kUsersRenamed},
     {"CrashingPlugin", [] { installPlugin("test_plugins/crashing.so"); },
      "child killed by signal: 11\nplugin 'crashing.so' failed with status '1'\n", kServicesFailed,
      false, kUsersRenamed},
