@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -96,6 +95,20 @@ std::string snapshot() {
       .out;
 }
 
+// After an interrupted rename of a.example to b.example: with the cause
+// removed, the recovery command the check names (with the other name filled
+// in) completes the rename, and the check then finds every place agreeing.
+void expectRecoveryCompletes() {
+  ASSERT_EQ(0, shell("rm -f " + kPluginDir + "*").exitCode());
+  EXPECT_EQ(0, runTool({"a.example", "b.example"}).exitCode());
+  const RunResult after = runCheck({"b.example"});
+  EXPECT_EQ(0, after.exitCode()) << after.out;
+  EXPECT_TRUE(hasLinesInOrder(after.out, "result: every place agrees")) << after.out;
+  const RunResult old = runCheck({"a.example"});
+  EXPECT_EQ(0, old.exitCode()) << old.out;
+  EXPECT_TRUE(hasLinesInOrder(old.out, "result: the name is in no place")) << old.out;
+}
+
 class DomainCheck : public SampleLayout {};
 
 struct Scenario {
@@ -107,13 +120,16 @@ struct Scenario {
   // Places whose predicted change a rename that fails late takes back or
   // never makes.
   std::string undone = "";
+  // After such a failure: lines the check of the new name reports, in order.
+  std::string afterwards = "";
   const char* oldName = "a.example";
   const char* newName = "b.example";
 };
 
 // Every scenario of the rename's own tests and each hazard from a real
 // layout: the check, then the real rename, which must do what was predicted
-// or fail where a failure was.
+// or fail where a failure was; after a late failure the check names the
+// recovery, which completes the rename.
 TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
   const std::string vmailbox = kSpool + "/vmailbox", virt = kSpool + "/virtual";
   const std::string lock = "/var/lock/files/$(printf %s " + vmailbox + " | md5sum | cut -c1-32)";
@@ -135,8 +151,8 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
        "vmailbox: hazard: the path rule rewrites a value outside the domain's directory: "
        "odd@c.example a.example.org/odd/\n"
        "result: the rename would succeed, with 1 hazard\n"},
-      {"idn", "", 3, false, "", "", "a.example", "bücher.example"},
-      {"in no map", "mkdir -p " + kMailNames + "d.example/x", 0, false, "", "", "d.example",
+      {"idn", "", 3, false, "", "", "", "a.example", "bücher.example"},
+      {"in no map", "mkdir -p " + kMailNames + "d.example/x", 0, false, "", "", "", "d.example",
        "e.example"},
       {"no mail directory", "rm -r " + kMailNames + "a.example", 1, true, ""},
       {"broken map", "rm " + vmailbox + ".db", 1, true, ""},
@@ -147,9 +163,12 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
        "domain b.example (0 users)"},
       {"failing plugin",
        "install -m 0644 " + buildPath("test_plugins/failing.so") + " " + kPluginDir, 3, true,
-       "plugins: info: runs " + kPluginDir + "failing.so", "mail_directory handlers"},
+       "plugins: info: runs " + kPluginDir + "failing.so", "mail_directory handlers",
+       "result: the places disagree (found in: virtual_domains, virtual, vmailbox, auth_database; "
+       "missing from: mail_directory, handlers)\n"
+       "recovery: mxkeep_domain_rename a.example b.example\n"},
       {"damaged handler", "mkdir /opt/orb/handlers/info/10-broken-Ab3xYz", 1, true, ""},
-      {"look-alike", "mkdir -p " + kMailNames + "xa.example/v", 0, false, "", "", "xa.example",
+      {"look-alike", "mkdir -p " + kMailNames + "xa.example/v", 0, false, "", "", "", "xa.example",
        "y.example"},
       {"record of the new name",
        "v=" + virt +
@@ -216,60 +235,32 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
         EXPECT_EQ(after, minus(now, was[i]));
       }
     }
+    if (s.afterwards.empty()) continue;
+    const RunResult r = runCheck({s.newName});
+    EXPECT_EQ(1, r.exitCode()) << r.out;
+    EXPECT_TRUE(hasLinesInOrder(r.out, s.afterwards)) << r.out;
+    expectRecoveryCompletes();
   }
 }
 
-struct Interruption {
-  const char* name;
-  std::string setup;    // shell command on the sample layer, or ""
-  std::string postmap;  // stand-in script that kills the tool, or ""
-  const char* checked;  // the name checked afterwards
-  std::string report;   // lines the check's report then holds, in order
-};
-
-TEST_F(DomainCheck, AfterAnInterruptedRenameNamesTheRecoveryThatCompletesIt) {
-  const Interruption interruptions[] = {
-      {"killed dumping virtual_domains", "",
-       "[ \"$1\" = -s ] && [ \"$2\" = " + std::string(kVirtualDomainsMap) +
-           " ] && kill -KILL $PPID",
-       "a.example",
-       "virtual_domains: failure: text source left beside the map by an interrupted rewrite: "
-       "/var/spool/postfix/zanth/virtual_domains\n"
-       "result: the places disagree (found in: virtual_domains, virtual, vmailbox, "
-       "mail_directory, auth_database, handlers; missing from: none)\n"
-       "recovery: mxkeep_domain_rename a.example <new_domain_name>\n"},
-      {"failing plugin",
-       "install -m 0644 " + buildPath("test_plugins/failing.so") + " " + kPluginDir, "",
-       "b.example",
-       "result: the places disagree (found in: virtual_domains, virtual, vmailbox, auth_database; "
-       "missing from: mail_directory, handlers)\n"
-       "recovery: mxkeep_domain_rename a.example b.example\n"},
-  };
-  for (const Interruption& run : interruptions) {
-    SCOPED_TRACE(run.name);
-    fresh();
-    ASSERT_EQ(0, shell(run.setup).exitCode());
-    {
-      std::unique_ptr<PostmapStandIn> standIn(
-          run.postmap.empty() ? nullptr
-                              : new PostmapStandIn(run.postmap + "\nexec \"$REAL\" \"$@\""));
-      EXPECT_NE(0, runTool({"a.example", "b.example"}).status);
-    }
-    const RunResult r = runCheck({run.checked});
-    EXPECT_EQ(1, r.exitCode()) << r.out;
-    EXPECT_TRUE(hasLinesInOrder(r.out, run.report)) << r.out;
-
-    // The cause removed, the command it names, with the other name filled
-    // in, completes the rename.
-    ASSERT_EQ(0, shell("rm -f " + kPluginDir + "*").exitCode());
-    EXPECT_EQ(0, runTool({"a.example", "b.example"}).exitCode());
-    const RunResult after = runCheck({"b.example"});
-    EXPECT_EQ(0, after.exitCode()) << after.out;
-    EXPECT_TRUE(hasLinesInOrder(after.out, "result: every place agrees")) << after.out;
-    const RunResult old = runCheck({"a.example"});
-    EXPECT_EQ(0, old.exitCode()) << old.out;
-    EXPECT_TRUE(hasLinesInOrder(old.out, "result: the name is in no place")) << old.out;
+TEST_F(DomainCheck, AfterAKilledRenameNamesTheRecoveryThatCompletesIt) {
+  {
+    const PostmapStandIn postmap(
+        "[ \"$1\" = -s ] && [ \"$2\" = " + std::string(kVirtualDomainsMap) +
+        " ] && kill -KILL $PPID\nexec \"$REAL\" \"$@\"");
+    EXPECT_NE(0, runTool({"a.example", "b.example"}).status);
   }
+  const RunResult r = runCheck({"a.example"});
+  EXPECT_EQ(1, r.exitCode()) << r.out;
+  EXPECT_TRUE(hasLinesInOrder(
+      r.out,
+      "virtual_domains: failure: text source left beside the map by an interrupted rewrite: "
+      "/var/spool/postfix/zanth/virtual_domains\n"
+      "result: the places disagree (found in: virtual_domains, virtual, vmailbox, "
+      "mail_directory, auth_database, handlers; missing from: none)\n"
+      "recovery: mxkeep_domain_rename a.example <new_domain_name>\n"))
+      << r.out;
+  expectRecoveryCompletes();
 }
 
 TEST(DomainCheckCommand, UsageErrorsAndJson) {
