@@ -2,16 +2,14 @@
 // rename, and real faults with what each leaves behind and the exact output.
 #include <gtest/gtest.h>
 
-#include <boost/filesystem/operations.hpp>
 #include <memory>
 
-#include "testing/postfix_maps.h"
-#include "testing/test_support.h"
+#include "testing/rename_testing.h"
 
 namespace {
 
 using namespace testing_support;
-using Records = std::vector<std::string>;
+using namespace rename_testing;
 
 struct Scenario {
   const char* name;
@@ -25,61 +23,62 @@ void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.nam
 
 class PostfixStep : public testing::TestWithParam<Scenario> {};
 
-const std::string kError = "Fatal error: zanth::mail::postfix::PostfixConfigurationError(", kIs = "[ \"$1\" = ";
-const std::string kRoot = "/var/qmail/mailnames/", kMessage = "/info/Maildir/new/1.eml";
+const std::string kError = "Fatal error: zanth::mail::postfix::PostfixConfigurationError(";
+const std::string kIs = "[ \"$1\" = ", kMessage = "/info/Maildir/new/1.eml";
 const std::string kRenameFailed =
-    "Fatal error: boost::filesystem::filesystem_error(boost::filesystem::rename: No such file or directory: "
-    "\"/var/qmail/mailnames/a.example\", \"/var/qmail/mailnames/b.example\")\n";
+    "Fatal error: boost::filesystem::filesystem_error(boost::filesystem::rename: No such file or "
+    "directory: \"/var/qmail/mailnames/a.example\", \"/var/qmail/mailnames/b.example\")\n";
 
 const Scenario kScenarios[] = {
     {"Renames", "", "", "", sampleAfter},
-    // Another process holds the virtual_domains lock and puts the directory back before it lets go.
-    {"WaitsForAHeldMapLock",
-     "rm -f /run/held && mv /var/qmail/mailnames/a.example /run && (flock /var/lock/files/$(printf %s "
-     "/var/spool/postfix/zanth/virtual_domains | md5sum | cut -c1-32) -c 'touch /run/held; sleep 0.2; "
-     "mv /run/a.example /var/qmail/mailnames' >/dev/null 2>&1 &) && until [ -e /run/held ]; do sleep 0.05; done",
-     "", "", sampleAfter},
-    {"MissingMapDatabase", "rm /var/spool/postfix/zanth/vmailbox.db", "",
-     kError + "postmap: fatal: open database /var/spool/postfix/zanth/vmailbox.db: No such file or directory\n)\n",
-     [](const std::string& map) { return map == kVmailboxMap ? Records{"no database"} : sampleBefore(map); }},
-    {"MissingMailDirectory", "rm -r /var/qmail/mailnames/a.example", "", kRenameFailed, sampleBefore},
-    {"PostmapRefusesAMap", "", kIs + kVirtualMap + " ] && { echo 'postmap: fatal: refused' >&2; exit 1; }",
+    {"MissingMapDatabase", "rm " + kSpool + "/vmailbox.db", "",
+     kError + "postmap: fatal: open database " + kSpool +
+         "/vmailbox.db: No such file or directory\n)\n",
+     [](const std::string& map) {
+       return map == kVmailboxMap ? Records{"no database"} : sampleBefore(map);
+     }},
+    {"MissingMailDirectory", "rm -r " + kMailNames + "a.example", "", kRenameFailed, sampleBefore},
+    {"PostmapRefusesAMap", "",
+     kIs + kVirtualMap + " ] && { echo 'postmap: fatal: refused' >&2; exit 1; }",
      kError + "postmap: fatal: refused\n)\n", sampleBefore},
     // A silent failure: the warnings of the dumps before it are not its text.
     {"PostmapFailsSilently", "",
-     kIs + "-s ] && { \"$REAL\" \"$@\"; r=$?; echo 'postmap: warning: x' >&2; exit $r; }\n" + kIs + kVirtualMap +
-         " ] && exit 3",
+     kIs + "-s ] && { \"$REAL\" \"$@\"; r=$?; echo 'postmap: warning: x' >&2; exit $r; }\n" + kIs +
+         kVirtualMap + " ] && exit 3",
      kError + "unknown error)\n", sampleBefore},
     // Each virtual_domains rebuild after the first is refused: its undo fails.
-    {"UndoOfTheDomainMapFails", "rm -rf /var/qmail/mailnames/a.example /run/rebuilt",
+    {"UndoOfTheDomainMapFails", "rm -rf " + kMailNames + "a.example /run/rebuilt",
      kIs + kVirtualDomainsMap + " ] && { [ -e /run/rebuilt ] && exit 1; touch /run/rebuilt; }",
-     "CRITICAL ERROR: Unable to properly restore Postfix Virtual Domains Database used by Zanth.\n"
-     "Mail system may be not usable at the moment and it cannot be repaired automatically.\n"
-     "Constact Quillon support to resolve this issue.\n" + kRenameFailed,
-     [](const std::string& map) { return map == kVirtualDomainsMap ? sampleAfter(map) : sampleBefore(map); }},
+     kCritical + kRenameFailed,
+     [](const std::string& map) {
+       return map == kVirtualDomainsMap ? sampleAfter(map) : sampleBefore(map);
+     }},
 };
 
 TEST_P(PostfixStep, LeavesMapsAndDirectoryAsPromised) {
   const Scenario& run = GetParam();
   makeSampleMailLayer();
   ASSERT_EQ(0, shell(run.setup).exitCode());
-  const bool hadMessage = pathExists(kRoot + "a.example" + kMessage), renamed = run.output.empty();
+  const bool hadMessage = pathExists(kMailNames + "a.example" + kMessage);
+  const bool renamed = run.output.empty();
   std::unique_ptr<PostmapStandIn> standIn(
       run.postmap.empty() ? nullptr : new PostmapStandIn(run.postmap + "\nexec \"$REAL\" \"$@\""));
   const RunResult r = runTool({"a.example", "b.example"});
   EXPECT_EQ(renamed ? 0 : 1, r.exitCode());
   EXPECT_EQ(run.output, r.err);
   EXPECT_EQ(run.output, r.out);
-  for (const std::string map : {kVirtualDomainsMap, kVirtualMap, kVmailboxMap})
-    EXPECT_EQ(run.records(map), pathExists(map.substr(5) + ".db") ? dumpMap(map) : Records{"no database"});
-  if (renamed) { EXPECT_EQ("b.example/info/", queryMap(kVmailboxMap, "info@b.example")); }
-  for (boost::filesystem::directory_iterator it("/var/spool/postfix/zanth"), end; it != end; ++it)
+  for (const std::string map : kMaps)
+    EXPECT_EQ(run.records(map),
+              pathExists(map.substr(5) + ".db") ? dumpMap(map) : Records{"no database"});
+  for (boost::filesystem::directory_iterator it(kSpool), end; it != end; ++it)
     EXPECT_EQ(".db", it->path().extension()) << "text source left: " << it->path();
-  EXPECT_EQ(hadMessage && !renamed, pathExists(kRoot + "a.example" + kMessage));
-  EXPECT_EQ(renamed, pathExists(kRoot + "b.example" + kMessage));
+  EXPECT_EQ(hadMessage && !renamed, pathExists(kMailNames + "a.example" + kMessage));
+  EXPECT_EQ(renamed, pathExists(kMailNames + "b.example" + kMessage));
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, PostfixStep, testing::ValuesIn(kScenarios),
-                         [](const testing::TestParamInfo<Scenario>& info) { return info.param.name; });
+                         [](const testing::TestParamInfo<Scenario>& info) {
+                           return info.param.name;
+                         });
 
 }  // namespace
