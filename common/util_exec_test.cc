@@ -27,8 +27,9 @@ TEST(UtilExec, CapturesBothStreamsWholeOrGivesMinusOneWhenKilled) {
   int inherited = open("/dev/null", O_RDONLY);
   ASSERT_GE(inherited, 0);
   char *out = nullptr, *err = nullptr;
-  Shell big{"[ -e /proc/$$/fd/" + std::to_string(inherited) + " ] && echo leaked; " +
-            "head -c 200000 /dev/zero | tr '\\0' o; head -c 150000 /dev/zero | tr '\\0' e >&2; exit 5"};
+  Shell big{
+      "[ -e /proc/$$/fd/" + std::to_string(inherited) + " ] && echo leaked; " +
+      "head -c 200000 /dev/zero | tr '\\0' o; head -c 150000 /dev/zero | tr '\\0' e >&2; exit 5"};
   EXPECT_EQ(5, fork_execv_getouterr(&out, &err, "/bin/sh", big.argv));
   close(inherited);
   EXPECT_EQ(std::string(200000, 'o'), out);
@@ -42,27 +43,6 @@ TEST(UtilExec, CapturesBothStreamsWholeOrGivesMinusOneWhenKilled) {
   std::free(out);
 }
 
-TEST(UtilExec, FailingProgramIsReportedWithItsOutput) {
-  const std::string report = "/bin/sh execution failed:\n" + std::string(10000, 'x') + "\n";
-  RunResult r = runInChild([] {
-    Shell sh{"printf '%s\\n' '100% %s%n done'; head -c 10000 /dev/zero | tr '\\0' x >&2; exit 3"};
-    return exec_capture_report("/bin/sh", sh.argv, 0);
-  });
-  EXPECT_EQ(3, r.exitCode());
-  EXPECT_EQ(report, r.out);
-  EXPECT_EQ("100% %s%n done\n" + report, r.err);  // the output is text, never a format
-
-}
-
-TEST(UtilExec, AdminUtilityNameWithPathIsRefused) {
-  std::filesystem::create_directories("/opt/orb/admin/bin/sub");
-  writeFile("/opt/orb/admin/bin/sub/show-args", "#!/bin/sh\ntouch /run/started\n", 0755);
-  RunResult r = runInChild([] { return admin_util_exec("sub/show-args", "a", nullptr) + 1; });
-  EXPECT_EQ(0, r.exitCode());
-  EXPECT_EQ("Utility name 'sub/show-args' is invalid. Use only utility name without path.\n", r.out);
-  EXPECT_FALSE(pathExists("/run/started"));
-}
-
 // Scripts util_exec runs with sh -c; a null script runs kMissing instead.
 struct RunCase {
   const char* script;
@@ -72,6 +52,7 @@ struct RunCase {
 };
 
 constexpr const char* kMissing = "/nonexistent/prog";
+constexpr const char* kFormats = "echo '100% %n out'; echo '%s%n err' >&2; exit 3";
 
 TEST(UtilExec, UtilExecPassesStreamsAndReportsStandardErrorAsItComes) {
   const RunCase cases[] = {
@@ -115,8 +96,13 @@ int popenPrinting(const char* command) {
 
 TEST(UtilExec, SilentLibraryAndShellRunsGiveTheirCodeAndOutput) {
   writeFile("/usr/lib/zanth-9.0/mxkeep-args", "#!/bin/sh\necho \"$0|$*\" >&2\nexit $1\n", 0755);
+  std::filesystem::create_directories("/opt/orb/admin/bin/sub");
+  writeFile("/opt/orb/admin/bin/sub/show-args", "#!/bin/sh\ntouch /run/started\n", 0755);
+  const std::string report = "/bin/sh execution failed:\n%s%n err\n";
   const std::string failed =
       "/usr/lib/zanth-9.0/mxkeep-args execution failed:\n/usr/lib/zanth-9.0/mxkeep-args|4 b\n";
+  const std::string refused =
+      "Utility name 'sub/show-args' is invalid. Use only utility name without path.\n";
   const std::string noOutput = "/bin/sh execution failed (no output)\n";
   const std::string popenFailed = "popen_exec: command failed code: 2 , error: none\n";
   const struct {
@@ -133,6 +119,11 @@ TEST(UtilExec, SilentLibraryAndShellRunsGiveTheirCodeAndOutput) {
       {[] { return lib_util_exec("mxkeep-args", "4", "b", nullptr); }, 4, failed, failed},
       {[] { return exec_capture_report_va("/bin/sh", "sh", "-c", "exit 1", nullptr); }, 1, noOutput,
        noOutput},
+      // A failing program's output is printed as text, never as a format.
+      {[] { return exec_capture_report_va("/bin/sh", "sh", "-c", kFormats, nullptr); }, 3, report,
+       "100% %n out\n" + report},
+      // The panel's own utilities are named without a path.
+      {[] { return admin_util_exec("sub/show-args", "a", nullptr) + 1; }, 0, refused, refused},
       // popen_exec captures standard output past its buffer step.
       {[] { return popenPrinting("echo hi; echo ignored >&2; exit 3"); }, 3, "hi\n", "ignored\n"},
       {[] { return popenPrinting("true"); }, 0},
@@ -148,6 +139,7 @@ TEST(UtilExec, SilentLibraryAndShellRunsGiveTheirCodeAndOutput) {
     EXPECT_EQ(c.out, r.out);
     EXPECT_EQ(c.err, r.err);
   }
+  EXPECT_FALSE(pathExists("/run/started"));
 }
 
 }  // namespace
