@@ -1,5 +1,5 @@
-// Line-file editor: the matching rule, and real edits of files in the
-// sandbox (contents, owner and mode afterwards, no temporary file left).
+// Line-file editor: real edits of files in the sandbox (contents, owner
+// and mode afterwards, no temporary file left, nothing planted followed).
 #include "common/file_str.h"
 
 #include <gtest/gtest.h>
@@ -12,24 +12,6 @@
 #include "testing/test_support.h"
 
 namespace {
-
-TEST(FileStrMatch, OneTrailingLineFeedIsIgnoredOnEitherSide) {
-  struct Case {
-    const char* line;
-    const char* text;
-    bool matches;
-  } cases[] = {
-      {"&a@b.example\n", "&a@b.example", true},
-      {"&a@b.example", "&a@b.example\n", true},  // last line without its line feed
-      {"\n", "", true},
-      {" ./Maildir/\n", "./Maildir/", false},
-      {"./Maildir/\n", "./Maildir/\n\n", false},
-      {"a\n", "a\nb", false},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(c.matches, file_str_line_matches(c.line, c.text))
-        << "line \"" << c.line << "\" text \"" << c.text << "\"";
-}
 
 using namespace testing_support;
 
