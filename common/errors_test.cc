@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
-#include <map>
 #include <sstream>
 #include <string>
 #include <typeinfo>
@@ -46,8 +45,8 @@ std::vector<std::string> printedLines(int skip) {
 }
 
 TEST(Traceback, PrintsDemangledCallersAndSkipsTheInnermostFrames) {
-  std::map<int, std::vector<std::string>> printed;  // from one call site: the same frames
-  for (int skip : {0, 3, 1000}) printed[skip] = printedLines(skip);
+  std::vector<std::vector<std::string>> printed;  // from one call site: the same frames
+  for (int skip : {0, 3, 1000}) printed.push_back(printedLines(skip));
   const std::vector<std::string>& all = printed[0];
   ASSERT_EQ(zanth::Traceback::kMaxFrames + 2u, all.size());
   EXPECT_EQ("Traceback:", all.front());
@@ -61,8 +60,8 @@ TEST(Traceback, PrintsDemangledCallersAndSkipsTheInnermostFrames) {
   EXPECT_NE(std::string::npos, ctor[2].find("(traceback_chain::outer(std::ostream&, int)+0x"));
   std::vector<std::string> expected(all.begin() + 3, all.end());
   expected.front() = "Traceback:";
-  EXPECT_EQ(expected, printed[3]);
-  EXPECT_EQ((std::vector<std::string>{"Traceback addresses:", "end"}), printed[1000]);
+  EXPECT_EQ(expected, printed[1]);
+  EXPECT_EQ((std::vector<std::string>{"Traceback addresses:", "end"}), printed[2]);
 }
 
 TEST(SystemError, WhatJoinsMessageAndSystemTextAndTypedVariantsKeepTheirCodes) {
@@ -91,7 +90,6 @@ struct ReportCase {
 const ReportCase kReportCases[] = {
     {0, 0, "plain", "plain\n"},
     {0, 0, "has newline\n", "has newline\n"},
-    {EACCES, 0, "cannot open", "cannot open\nSystem error 13: Permission denied\n"},
     {ENOENT, 0, std::string(5000, 'x'),
      std::string(5000, 'x') + "\n"},  // not cut, no room for the suffix
     {EACCES, 2, "fatal", "fatal\nSystem error 13: Permission denied\n"},
