@@ -55,7 +55,6 @@ struct LineCase {
 };
 
 const LineCase kLineCases[] = {
-    {"PRODUCT_ROOT_D /srv/orb\n", "/srv/orb", ""},
     {"PRODUCT_ROOT_D /srv/orb", "/srv/orb", ""},
     {"PRODUCT_ROOT_D /srv/orb \n", "/srv/orb \n", ""},
     {"PRODUCT_ROOT_D /srv/orb  \n", "/srv/orb  ", ""},
