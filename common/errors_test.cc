@@ -66,8 +66,6 @@ TEST(Traceback, PrintsDemangledCallersAndSkipsTheInnermostFrames) {
 
 TEST(SystemError, WhatJoinsMessageAndSystemTextAndTypedVariantsKeepTheirCodes) {
   EXPECT_STREQ("No such file or directory", zanth::SystemError("", ENOENT).what());
-  errno = EACCES;
-  EXPECT_STREQ("write: Permission denied", zanth::SystemError("write").what());
   EXPECT_THROW(zanth::throwSystemError("lock() failed", EAGAIN), zanth::ExSystemError<11>);
   for (int code : {3, 0}) {
     errno = EPERM;  // code 0 takes errno but is never dispatched to a typed variant
