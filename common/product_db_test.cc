@@ -205,8 +205,6 @@ TEST_F(ProductDb, MissingRowsAndFailuresAreReported) {
       {[] { return db_get_owner_email("3", nullptr) == nullptr; }, "Unable to define admin email"},
       {[&] { return db_get_dom_id_by_alias(longAlias.c_str(), nullptr) == -1; },
        "domain alias '" + longAlias + "' is too long"},
-      {[] { return db_get_max_id("no_such_table", nullptr) == -1; },
-       "Unable to define max id: Table 'orb.no_such_table' doesn't exist"},
   });
 }
 
