@@ -86,7 +86,6 @@ struct ReportCase {
 };
 
 const ReportCase kReportCases[] = {
-    {0, 0, "plain", "plain\n"},
     {0, 0, "has newline\n", "has newline\n"},
     {ENOENT, 0, std::string(5000, 'x'),
      std::string(5000, 'x') + "\n"},  // not cut, no room for the suffix
