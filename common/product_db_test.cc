@@ -97,6 +97,7 @@ TEST_F(ProductDb, SetNamesFollowsTheMysql41Parameter) {
       {"'true'", "SET NAMES utf8", 1},
       {nullptr, "SET NAMES binary", 0},
       {"'false'", "SET NAMES binary", 0},
+      {"''", "SET NAMES binary", 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.row != nullptr ? c.row : "absent");
@@ -126,6 +127,10 @@ TEST_F(ProductDb, LookupsReadRealRowsOnTheGivenConnection) {
       "INSERT INTO dns_zone VALUES (30, 'example.org');"
       "INSERT INTO domains VALUES (12, 'example.org', 64, 7, 40, 30);"
       "INSERT INTO Limits VALUES (40, 'mbox_quota', '104857600'), (41, 'mbox_quota', '1');"
+      "INSERT INTO dom_param VALUES (12, 'seo_redirect', 'www'), (13, 'seo_redirect', 'x');"
+      "INSERT INTO Parameters VALUES (50, 'catch_all', 'reject');"
+      "INSERT INTO DomainServices (dom_id, type, parameters_id) VALUES (12, 'mail', 50);"
+      "INSERT INTO hosting VALUES (12, 'true', 'false');"
       "INSERT INTO domainaliases (name, dom_id) VALUES ('example.net', 12);"
       "INSERT INTO misc VALUES ('admin_email', 'admin@host.example')");
   zanth::DbConnection conn = connect();
@@ -133,12 +138,20 @@ TEST_F(ProductDb, LookupsReadRealRowsOnTheGivenConnection) {
   const size_t logged = server().adminLog().size();
 
   EXPECT_STREQ("104857600", db_get_dom_limit("12", "mbox_quota", db));
+  EXPECT_STREQ("www", db_get_dom_param("12", "seo_redirect", db));
+  EXPECT_STREQ("reject", db_get_dom_service_param("12", "mail", "catch_all", db));
   EXPECT_STREQ("owner@example.org", db_get_owner_email("12", db));
   unsigned int status = 0;
   EXPECT_EQ(0, db_get_domain_status("12", &status, db));
   EXPECT_EQ(64u, status);
+  int fp = -1, fp_ssl = -1;
+  EXPECT_EQ(0, db_get_frontpage_flags("example.org", &fp, &fp_ssl, db));
+  EXPECT_EQ(1, fp);
+  EXPECT_EQ(0, fp_ssl);
   EXPECT_EQ(12, db_get_dom_id_by_alias("example.net", db));
   EXPECT_EQ(0, db_get_dom_id_by_alias("example.com", db));
+  EXPECT_EQ(7, db_get_client_id("12", db));
+  EXPECT_EQ(30, db_get_dns_zone_id("12", db));
   EXPECT_EQ(12, db_get_max_id("domains", db));
   EXPECT_EQ(0, db_get_max_id("subdomains", db));
   EXPECT_EQ(1, db_domain_exists("example.org", db));
@@ -146,6 +159,16 @@ TEST_F(ProductDb, LookupsReadRealRowsOnTheGivenConnection) {
   // Found only under its ASCII name.
   server().exec("INSERT INTO orb.domains (id, name) VALUES (5, 'xn--bcher-kva.example')");
   EXPECT_EQ(5, db_get_dom_id("bücher.example", db));
+
+  // www: a subdomain of that name, or an A or CNAME record (an MX is not).
+  server().exec("INSERT INTO orb.subdomains (dom_id, name) VALUES (12, 'www')");
+  EXPECT_EQ(1, db_has_www_prefix("12", db));
+  server().exec(
+      "DELETE FROM orb.subdomains;"
+      "INSERT INTO orb.dns_recs (dns_zone_id, type) VALUES (30, 'MX')");
+  EXPECT_EQ(0, db_has_www_prefix("12", db));
+  server().exec("INSERT INTO orb.dns_recs (dns_zone_id, type) VALUES (30, 'CNAME')");
+  EXPECT_EQ(1, db_has_www_prefix("12", db));
 
   // The client's address missing: the administrator's.
   server().exec("UPDATE orb.clients SET email=NULL");
@@ -171,11 +194,17 @@ TEST_F(ProductDb, LookupsReadRealRowsOnTheGivenConnection) {
 TEST_F(ProductDb, MissingRowsAndFailuresAreReported) {
   server().exec(
       "INSERT INTO orb.domains (id, name, status) VALUES (3, 'a.example', -1);"
-      "DROP TABLE orb.Limits");
+      "DROP TABLE orb.Limits; DROP TABLE orb.subdomains");
   const std::string longAlias(5000, 'a');
   expectReported({
       {[] { return db_get_dom_limit("3", "mbox_quota", nullptr) == nullptr; },
        "Unable to query domain limit mbox_quota: Table 'orb.Limits' doesn't exist"},
+      {[] { return db_has_www_prefix("3", nullptr) == -1; },
+       "Unable to query www subdomain: Table 'orb.subdomains' doesn't exist"},
+      {[] { return db_get_dom_param("3", "p", nullptr) == nullptr; },
+       "Unable to query domain parameter p: "},
+      {[] { return db_misc_param("none", nullptr) == nullptr; },
+       "Unable to query parameter by query select val from misc where param='none': "},
       {[] { return statusFails("9"); },
        "Unable to get status for domain with id=\"9\": such domain is not exist."},
       {[] { return statusFails("3"); },
@@ -186,8 +215,15 @@ TEST_F(ProductDb, MissingRowsAndFailuresAreReported) {
       {[] { return db_get_dom_id("a..b", nullptr) == -1; }, "idn_toascii() failed: Invalid length"},
       {[] { return db_get_client_id("3", nullptr) == 0; }, "Unable to define client's ID: "},
       {[] { return db_get_owner_email("3", nullptr) == nullptr; }, "Unable to define admin email"},
+      {[] {
+         int fp, fp_ssl;
+         return db_get_frontpage_flags("a.example", &fp, &fp_ssl, nullptr) == -1;
+       },
+       "Unable to query frontpage status: "},
       {[&] { return db_get_dom_id_by_alias(longAlias.c_str(), nullptr) == -1; },
        "domain alias '" + longAlias + "' is too long"},
+      {[] { return db_get_max_id("no_such_table", nullptr) == -1; },
+       "Unable to define max id: Table 'orb.no_such_table' doesn't exist"},
   });
 }
 
