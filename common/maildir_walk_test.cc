@@ -13,27 +13,6 @@ namespace {
 
 using namespace testing_support;
 
-TEST(MaildirSizeFromName, ReadsTheDeclaredSizeOnlyWhereTheRuleAllows) {
-  const struct {
-    const char* name;
-    long long size;  // -1: none declared
-  } cases[] = {
-      {"1.M1P2.host,S=1000", 1000},
-      {"1.M1P2.host,S=1000:2,S", 1000},
-      {"a,S=12x,S=34:2,S", 34},
-      {"a,S=1000,W=1020:2,S", -1},
-      {"a,S=:2,S", -1},
-      {"a,s=100", -1},
-      {"a,S=9223372036854775807", 9223372036854775807LL},
-      {"a,S=9223372036854775808", -1},
-  };
-  for (const auto& c : cases) {
-    long long size = -1;
-    EXPECT_EQ(c.size >= 0, maildir_size_from_name(c.name, &size)) << c.name;
-    EXPECT_EQ(c.size, size) << c.name;
-  }
-}
-
 class MaildirWalk : public ::testing::Test {
  protected:
   int sh(const std::string& command) {
