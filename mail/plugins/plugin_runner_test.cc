@@ -24,15 +24,21 @@ const std::string kModules = buildPath("test_plugins/");
 // Runs the plugins in a child, from a directory set up by the shell command.
 RunResult runWith(const std::string& setup) {
   EXPECT_EQ(0, shell("rm -rf " + kDir + " " MXKEEP_PLUGIN_RECORD " && mkdir " + kDir + " && cd " +
-                     kDir + " && " + setup).exitCode());
+                     kDir + " && " + setup)
+                   .exitCode());
   return runInChild([] { return run_rename_plugins("old.example", "xn--bcher-kva.example"); });
 }
 
 TEST(PluginRunner, RunsModulesWithTheNamesAsGivenAndPassesOverTheRest) {
   // A linked recorder, a dangling link, a subdirectory, 256, no entry point, text.
-  const RunResult r = runWith("ln -s " + kModules + "recording.so linked && ln -s /nowhere.so "
-                              "dangling && mkdir subdir && cp " + kModules + "failing.so subdir && "
-                              "cp " + kModules + "status256.so " + kModules + "no_entry.so . && "
+  const RunResult r = runWith("ln -s " + kModules +
+                              "recording.so linked && ln -s /nowhere.so "
+                              "dangling && mkdir subdir && cp " +
+                              kModules +
+                              "failing.so subdir && "
+                              "cp " +
+                              kModules + "status256.so " + kModules +
+                              "no_entry.so . && "
                               "printf '%0200d\\nnot a module\\n' 0 > README");
   ASSERT_EQ(nullptr, dlopen((kDir + "README").c_str(), RTLD_NOW));
   EXPECT_EQ(0, r.exitCode());
