@@ -16,27 +16,28 @@ TEST(AuthDbSchema, RecreateReplacesAnyFileWithTheExactSchema) {
   writeFile(db.path, "not a database at all\n");
   ASSERT_EQ(0, mail_auth_recreate());
   const Rows expected = {
-      "table|domains|CREATE TABLE domains (  id     INTEGER PRIMARY KEY AUTOINCREMENT, name   "
-      "VARCHAR(255) UNIQUE, status INTEGER NOT NULL DEFAULT 0)",
+      "table|domains|CREATE TABLE domains (  id     INTEGER PRIMARY KEY AUTOINCREMENT, "
+      "name   VARCHAR(255) UNIQUE, status INTEGER NOT NULL DEFAULT 0)",
       "index|sqlite_autoindex_domains_1|NULL",
       "table|sqlite_sequence|CREATE TABLE sqlite_sequence(name,seq)",
       "index|domains_name|CREATE INDEX domains_name ON domains(name)",
       "trigger|fkd_users_domains_id|CREATE TRIGGER fkd_users_domains_id  BEFORE DELETE ON domains  "
       "FOR EACH ROW BEGIN    DELETE FROM users WHERE dom_id = OLD.id;  END",
-      "table|users|CREATE TABLE users(  id           INTEGER PRIMARY KEY AUTOINCREMENT, dom_id     "
-      "  INTEGER NOT NULL, name         VARCHAR(255) NOT NULL, userPassword VARCHAR(255), "
-      "cmusaslsecretPLAIN VARCHAR(255), status INT NOT NULL DEFAULT 0, UNIQUE(name, dom_id))",
+      "table|users|CREATE TABLE users(  id           INTEGER PRIMARY KEY AUTOINCREMENT, "
+      "dom_id       INTEGER NOT NULL, name         VARCHAR(255) NOT NULL, "
+      "userPassword VARCHAR(255), cmusaslsecretPLAIN VARCHAR(255), "
+      "status INT NOT NULL DEFAULT 0, UNIQUE(name, dom_id))",
       "index|sqlite_autoindex_users_1|NULL",
       "index|users_name|CREATE INDEX users_name ON users(name)",
       "index|users_dom_id|CREATE INDEX users_dom_id ON users(dom_id)",
       "trigger|fki_users_domains_id|CREATE TRIGGER fki_users_domains_id  BEFORE INSERT ON users  "
-      "FOR EACH ROW BEGIN    SELECT RAISE(ROLLBACK, 'insert on table \"users\" violates foreign "
-      "key constraint \"fk_domains_id\"')    WHERE (SELECT id FROM domains WHERE id = NEW.dom_id) "
-      "IS NULL;  END",
+      "FOR EACH ROW BEGIN    "
+      "SELECT RAISE(ROLLBACK, 'insert on table \"users\" violates foreign key constraint "
+      "\"fk_domains_id\"')    WHERE (SELECT id FROM domains WHERE id = NEW.dom_id) IS NULL;  END",
       "trigger|fku_users_domains_id|CREATE TRIGGER fku_users_domains_id  BEFORE UPDATE ON users  "
-      "FOR EACH ROW BEGIN    SELECT RAISE(ROLLBACK, 'update on table \"users\" violates foreign "
-      "key constraint \"fk_domains_id\"')    WHERE (SELECT id FROM domains WHERE id = NEW.dom_id) "
-      "IS NULL;  END",
+      "FOR EACH ROW BEGIN    "
+      "SELECT RAISE(ROLLBACK, 'update on table \"users\" violates foreign key constraint "
+      "\"fk_domains_id\"')    WHERE (SELECT id FROM domains WHERE id = NEW.dom_id) IS NULL;  END",
   };
   // The triggers' text is their behaviour: running them would test SQLite.
   EXPECT_EQ(expected, db.rows("SELECT type, name, sql FROM sqlite_master ORDER BY rowid"));

@@ -102,8 +102,8 @@ TEST_F(QmailFiles, BadNamesAndAddressesAreRefusedWithTheirTexts) {
 
 TEST_F(QmailFiles, FailedWriteKeepsTheOldFileAndLeavesNoTemporaryFile) {
   EXPECT_EQ(
-      "unable to modify /var/qmail/mailnames/a.example/nobody/.qmail: No such file or "
-      "directory",
+      "unable to modify /var/qmail/mailnames/a.example/nobody/.qmail: "
+      "No such file or directory",
       thrownWhat<zanth::SystemError>([] { pf::createQmailFile("a.example", "nobody"); }));
 
   ASSERT_EQ(0, ::mount("mxkeep-test", kBox.c_str(), "tmpfs", 0, "size=8k"));
