@@ -1,17 +1,17 @@
-// Lock files and semaphores between real processes: the test holds a lock
-// while a forked contender reports each step as one letter on a pipe, so
-// whether the contender waits is observed, not guessed from timing.
+// Lock files and semaphores: a held lock refuses a try and holds a waiter
+// until it is released; a semaphore byte blocks another process on that
+// byte only, which reports each step on a pipe, so waits are observed.
 #include "process/lock.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <functional>
+#include <future>
 #include <stdexcept>
 #include <string>
 
@@ -21,75 +21,29 @@
 
 namespace {
 
-using testing_support::runInChild;
-
-constexpr int kPatienceMs = 5000;
 constexpr int kStillWaitingMs = 300;
 
-// A forked process running body, which reports its steps through say().
-class Contender {
- public:
-  explicit Contender(const std::function<void(Contender&)>& body) {
-    EXPECT_EQ(0, pipe(fds_));
-    std::fflush(nullptr);
-    if ((pid_ = fork()) == 0) {
-      body(*this);
-      _exit(0);
-    }
-  }
-  ~Contender() {
-    kill(pid_, SIGKILL);  // still blocked only when the test stopped half-way
-    waitpid(pid_, nullptr, 0);
-    close(fds_[0]);
-    close(fds_[1]);
-  }
-  void say(char c) { EXPECT_EQ(1, write(fds_[1], &c, 1)); }
-  // The next letter, or '-' when none comes within ms.
-  char next(int ms = kPatienceMs) {
-    struct pollfd p = {fds_[0], POLLIN, 0};
-    char c = '-';
-    if (poll(&p, 1, ms) == 1 && read(fds_[0], &c, 1) != 1) c = '?';
-    return c;
-  }
+TEST(LockFile, HeldLockRefusesATryAndHoldsAWaiterUntilReleased) {
+  // Lock files conflict between open files, so a second thread contends
+  // as another process would.
+  zanth::ScopedLock held("example", zanth::kLockHashed, zanth::kLockWait);
+  LockHandle* handle = nullptr;
+  EXPECT_EQ("lock(example) failed: file is already locked",
+            testing_support::thrownWhat<std::runtime_error>(
+                [&] { zanth::lock(handle, "example", zanth::kLockHashed, zanth::kLockTry); }));
+  lock_file_release(handle);
 
- private:
-  int fds_[2];
-  pid_t pid_;
-};
-
-TEST(LockFile, SecondHolderFailsAtOnceOrWaitsForTheFirst) {
-  const char* name = "hash:/var/spool/postfix/zanth/virtual";
-  LockHandle* held = lock_file_wait(name, 1);
-  ASSERT_GT(held->fd, 0);
-  Contender waiter([&](Contender& self) {
-    close(held->fd);  // the inherited copy would hold the lock for the test
-    LockHandle* tried = lock_file_try(name, 1);
-    self.say(tried->fd == 0 ? 't' : 'x');
-    lock_file_release(tried);
-    LockHandle* h = lock_file_wait(name, 1);
-    self.say(h->fd > 0 ? 'G' : 'x');
-    lock_file_release(h);
-  });
-  EXPECT_EQ('t', waiter.next());
-  EXPECT_EQ('-', waiter.next(kStillWaitingMs));
-  lock_file_release(held);
-  EXPECT_EQ('G', waiter.next());
+  auto waiter = std::async(std::launch::async, [] { return lock_file_wait("example", 1); });
+  EXPECT_EQ(std::future_status::timeout,
+            waiter.wait_for(std::chrono::milliseconds(kStillWaitingMs)));
+  held.release();
+  LockHandle* got = waiter.get();
+  EXPECT_GT(got->fd, 2);
+  lock_file_release(got);
 }
 
-TEST(LockFile, LockThrowsForHeldAndUnopenableFiles) {
-  {
-    // Lock files conflict between open files, even within one process.
-    zanth::ScopedLock held("example", zanth::kLockHashed, zanth::kLockWait);
-    LockHandle* handle = nullptr;
-    EXPECT_EQ("lock(example) failed: file is already locked",
-              testing_support::thrownWhat<std::runtime_error>([&] {
-                zanth::lock(handle, "example", zanth::kLockHashed, zanth::kLockTry);
-              }));
-    lock_file_release(handle);
-  }
-  zanth::ScopedLock("example", zanth::kLockHashed, zanth::kLockTry).release();
-
-  auto r = runInChild([] {
+TEST(LockFile, UnopenableLockFileIsReportedAndThrown) {
+  auto r = testing_support::runInChild([] {
     LockHandle* h = nullptr;
     try {
       zanth::lock(h, "/nonexistent/x.lock", zanth::kLockPath, zanth::kLockWait);
@@ -109,20 +63,31 @@ TEST(LockFile, LockThrowsForHeldAndUnopenableFiles) {
 }
 
 TEST(Semaphores, SameByteBlocksOtherBytesDoNot) {
+  // Semaphore bytes belong to the process, so the contender is a child.
   utilities_sem_init();
   sem_lock(3);
-  Contender other([](Contender& self) {
+  int steps[2];
+  ASSERT_EQ(0, pipe(steps));
+  std::fflush(nullptr);
+  const pid_t other = fork();
+  if (other == 0) {
     sem_lock(4);
-    self.say('4');
-    self.say(sem_trylock(3) == -1 ? 't' : 'x');
+    if (sem_trylock(3) != -1) _exit(1);
+    if (write(steps[1], "t", 1) != 1) _exit(2);
     sem_lock(3);
-    self.say('G');
-  });
-  EXPECT_EQ('4', other.next());
-  EXPECT_EQ('t', other.next());
-  EXPECT_EQ('-', other.next(kStillWaitingMs));
+    _exit(0);
+  }
+  close(steps[1]);
+  char step = '-';
+  EXPECT_EQ(1, read(steps[0], &step, 1)) << "byte 4 taken, byte 3 refused at once";
+  // Still blocked on byte 3: neither a letter nor the end of the pipe.
+  struct pollfd p = {steps[0], POLLIN, 0};
+  EXPECT_EQ(0, poll(&p, 1, kStillWaitingMs));
   sem_unlock(3);
-  EXPECT_EQ('G', other.next());
+  int status = -1;
+  ASSERT_EQ(other, waitpid(other, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  close(steps[0]);
 }
 
 }  // namespace
