@@ -18,19 +18,11 @@ struct RunResult {
   std::string out;
   std::string err;
 
-  bool exited() const;
   int exitCode() const;  // -1 unless the child exited normally
 };
 
-// Runs argv[0] (a path) with argv, feeding `input` to its standard input.
-RunResult runProgram(const std::vector<std::string>& argv,
-                     const std::string& input = "");
-
-// Serves the streams of the child pid until they end: writes `input` to
-// in_fd, collects out_fd and err_fd (any may be -1), closes all three and
-// reaps the child.
-RunResult collectChild(pid_t pid, int in_fd, int out_fd, int err_fd,
-                       const std::string& input = "");
+// Runs argv[0] (a path) with argv, its standard input /dev/null.
+RunResult runProgram(const std::vector<std::string>& argv);
 
 // Runs the built mxkeep_domain_rename with the given arguments.
 RunResult runTool(const std::vector<std::string>& args);
