@@ -4,18 +4,12 @@
 // default socket, with the general query log kept in mysql.general_log.
 // Setup failures throw std::runtime_error with the server's own text.
 //
-// How a test file uses it:
-// - Build it into mxkeep_db_tests (CMakeLists.txt), the test binary that
-//   ctest runs as one entry in one sandbox. Linking this file registers a
-//   global environment that starts the server once before the first test
-//   and stops it after the last; the layout resets between tests keep
-//   /run/mysqld.
-// - Derive the fixture from ProductDbTest: before each test it recreates
-//   the database "orb" with its tables (no rows), writes the admin password
-//   file and empties the query log. Each test inserts its own rows with
-//   server().exec("insert ...").
-// - Read what the code under test sent with server().adminLog(): every
-//   command of the "admin" account since the test began, in order.
+// How a test file uses it: build it into mxkeep_db_tests, one ctest entry
+// in one sandbox, where linking it registers a global environment that
+// starts the server before the first test and stops it after the last
+// (layout resets keep /run/mysqld); derive the fixture from ProductDbTest;
+// insert each test's rows with server().exec("insert ..."); read what the
+// code under test sent with server().adminLog().
 #ifndef MXKEEP_TESTING_MARIADB_SERVER_H
 #define MXKEEP_TESTING_MARIADB_SERVER_H
 
@@ -54,11 +48,11 @@ class MariaDbServer final {
   void stop();
   bool running() const { return pid_ > 0; }
 
-  // exec - runs one or more statements (separated by ";") as root;
-  // throws with the server's message on the first error.
-  void exec(const std::string& sql);
-  // query - the rows of one statement run as root; NULL reads as "NULL".
+  // query - runs one or more statements (separated by ";") as root: the
+  // rows of those that give any, NULL read as "NULL"; throws with the
+  // server's message on the first error. exec - the same, rows dropped.
   std::vector<std::vector<std::string>> query(const std::string& sql);
+  void exec(const std::string& sql) { query(sql); }
 
   // resetForTest - fresh database "orb" with every table empty, the
   // password file written, the query log emptied.
@@ -77,12 +71,11 @@ class MariaDbServer final {
   MariaDbServer() = default;
   ~MariaDbServer();
 
+  // The root connection, made on first use.
   MYSQL* root();
-  void connectRoot();
 
   pid_t pid_ = -1;
   MYSQL* root_ = nullptr;
-  bool initialised_ = false;
 };
 
 // Fixture base of tests that use the product database.
