@@ -92,8 +92,7 @@ void MariaDbServer::start() {
     mkdir(kRunDir, 0755);
     RunResult install = runProgram({"/usr/bin/mariadb-install-db", "--no-defaults",
                                     std::string("--datadir=") + kDataDir, "--user=root",
-                                    "--auth-root-authentication-method=socket",
-                                    "--skip-test-db"});
+                                    "--auth-root-authentication-method=socket", "--skip-test-db"});
     if (install.exitCode() != 0)
       throw std::runtime_error("mariadb-install-db failed:\n" + install.out + install.err);
   }
@@ -110,9 +109,8 @@ void MariaDbServer::start() {
     execl("/usr/sbin/mariadbd", "mariadbd", "--no-defaults",
           (std::string("--datadir=") + kDataDir).c_str(), "--user=root",
           (std::string("--socket=") + kSocket).c_str(), "--pid-file=/run/mysqld/mysqld.pid",
-          (std::string("--log-error=") + kErrorLog).c_str(), "--skip-networking",
-          "--general-log=1", "--log-output=TABLE", "--innodb-buffer-pool-size=16M",
-          static_cast<char*>(nullptr));
+          (std::string("--log-error=") + kErrorLog).c_str(), "--skip-networking", "--general-log=1",
+          "--log-output=TABLE", "--innodb-buffer-pool-size=16M", static_cast<char*>(nullptr));
     _exit(127);
   }
   pid_ = pid;
@@ -135,8 +133,8 @@ void MariaDbServer::start() {
     }
     std::this_thread::sleep_for(kPollPause);
   }
-  exec(std::string("CREATE USER IF NOT EXISTS admin@localhost IDENTIFIED BY '") +
-       kDbAdminPassword + "';GRANT ALL ON *.* TO admin@localhost");
+  exec(std::string("CREATE USER IF NOT EXISTS admin@localhost IDENTIFIED BY '") + kDbAdminPassword +
+       "';GRANT ALL ON *.* TO admin@localhost");
 }
 
 void MariaDbServer::stop() {

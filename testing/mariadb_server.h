@@ -1,15 +1,8 @@
-// A real MariaDB server for the tests of the product database code, run
-// inside the sandbox: data directory, socket, pid file and logs under
-// /run/mysqld (the sandbox's tmpfs), listening only on the client library's
-// default socket, with the general query log kept in mysql.general_log.
-// Setup failures throw std::runtime_error with the server's own text.
-//
-// How a test file uses it: build it into mxkeep_db_tests, one ctest entry
-// in one sandbox, where linking it registers a global environment that
-// starts the server before the first test and stops it after the last
-// (layout resets keep /run/mysqld); derive the fixture from ProductDbTest;
-// insert each test's rows with server().exec("insert ..."); read what the
-// code under test sent with server().adminLog().
+// A real MariaDB server for the product database tests, one child of the
+// test binary (mxkeep_db_tests) started before its first test and stopped
+// after its last, on the client library's default socket under /run/mysqld,
+// its general query log kept in a table. Fixtures derive from ProductDbTest;
+// set-up failures throw std::runtime_error with the server's own text.
 #ifndef MXKEEP_TESTING_MARIADB_SERVER_H
 #define MXKEEP_TESTING_MARIADB_SERVER_H
 
@@ -41,10 +34,9 @@ class MariaDbServer final {
   MariaDbServer(const MariaDbServer&) = delete;
   MariaDbServer& operator=(const MariaDbServer&) = delete;
 
-  // start - initialises the data directory (first time only), starts the
-  // server, waits until it accepts connections, creates the account admin.
+  // start - makes the data directory the first time, starts the server,
+  // waits until it accepts connections, creates the account admin.
   void start();
-  // stop - shuts the server down and waits for it; nothing when stopped.
   void stop();
   bool running() const { return pid_ > 0; }
 
