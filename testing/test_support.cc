@@ -22,13 +22,12 @@
 
 namespace testing_support {
 
-namespace {
-
-// forkCollected - forks a child, its input /dev/null and its output and
+// runInChild - forks a child, its input /dev/null and its output and
 // error pipes, which runs `child` and exits with its result; collects both
-// streams until they end and reaps the child. Nothing is written to the
-// child, so the test process never meets SIGPIPE.
-RunResult forkCollected(const std::function<int()>& child) {
+// streams until every holder, the child's own children too, has closed
+// them, then reaps the child. Nothing is written to the child, so the test
+// process never meets SIGPIPE.
+RunResult runInChild(const std::function<int()>& child) {
   int out[2], err[2];
   if (pipe(out) != 0 || pipe(err) != 0)
     throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
@@ -70,12 +69,10 @@ RunResult forkCollected(const std::function<int()>& child) {
   return result;
 }
 
-}  // namespace
-
 int RunResult::exitCode() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 RunResult runProgram(const std::vector<std::string>& argv) {
-  return forkCollected([&argv] {
+  return runInChild([&argv] {
     signal(SIGPIPE, SIG_DFL);  // whatever the test process has
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -84,8 +81,6 @@ RunResult runProgram(const std::vector<std::string>& argv) {
     return 127;
   });
 }
-
-RunResult runInChild(const std::function<int()>& body) { return forkCollected(body); }
 
 std::string toolPath() { return MXKEEP_TOOL_PATH; }
 std::string sourcePath(const std::string& relative) {

@@ -24,20 +24,18 @@ struct RunResult {
 // Runs argv[0] (a path) with argv, its standard input /dev/null.
 RunResult runProgram(const std::vector<std::string>& argv);
 
-// Runs the built mxkeep_domain_rename with the given arguments.
+// Runs the built mxkeep_domain_rename, whose path toolPath gives, with args.
 RunResult runTool(const std::vector<std::string>& args);
-
-// Path of the built tool and of a file in the source tree.
 std::string toolPath();
+// Paths in the source and in the build tree.
 std::string sourcePath(const std::string& relative);
 std::string buildPath(const std::string& relative);
 
 std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& content,
-               mode_t mode = 0644);
+void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 bool pathExists(const std::string& path);
 
-// Runs a shell command line with /bin/sh -c; returns the wait status.
+// Runs a shell command line with /bin/sh -c.
 RunResult shell(const std::string& command);
 
 // The what() of the E that f throws, or "<nothing thrown>".
