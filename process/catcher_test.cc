@@ -89,8 +89,6 @@ TEST(ProcessSetCatcher, ForeignChildrenAreReapedAndForgottenAndOursKeepItInstall
 
   ASSERT_EQ(0, kill(ours, SIGKILL));
   waitFor(catcher, [&] { return catcher.finishedCount() == 1; });
-  const int status = catcher.children().at(ours).status;
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
   catcher.uninstall(false);
   EXPECT_EQ(nullptr, ProcessSetCatcher::installed());
 }
