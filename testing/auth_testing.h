@@ -22,8 +22,7 @@ using testing_support::captured_log;
 
 // Runs sql on its own connection: the rows, columns joined by '|', NULL
 // spelled out. SQLite's error text goes to *error, or throws without one.
-inline Rows sqlRows(const std::string& path, const std::string& sql,
-                    std::string* error = nullptr) {
+inline Rows sqlRows(const std::string& path, const std::string& sql, std::string* error = nullptr) {
   Rows rows;
   auto collect = [](void* out, int n, char** values, char**) {
     std::string row;
@@ -38,8 +37,8 @@ inline Rows sqlRows(const std::string& path, const std::string& sql,
   std::string text = message ? message : rc == SQLITE_OK ? "" : sqlite3_errmsg(db);
   sqlite3_free(message);
   sqlite3_close(db);
+  if (error == nullptr && rc != SQLITE_OK) throw std::runtime_error(sql + ": " + text);
   if (error != nullptr) *error = text;
-  else if (rc != SQLITE_OK) throw std::runtime_error(sql + ": " + text);
   return rows;
 }
 
@@ -53,7 +52,10 @@ struct ScratchDb {
     captured_log.clear();
     mail_log = testing_support::captureMailLog;
   }
-  ~ScratchDb() { mail_auth_set_path(saved_path); mail_log = mail_log_default; }
+  ~ScratchDb() {
+    mail_auth_set_path(saved_path);
+    mail_log = mail_log_default;
+  }
   Rows rows(const std::string& sql) const { return sqlRows(path, sql); }
 
   const char* const saved_path = mail_auth_db_path;

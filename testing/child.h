@@ -10,8 +10,9 @@
 
 namespace testing_support {
 
-// Forks; the child runs body and exits with its result (or with the status
-// the body exits with itself). Gives the wait status and both streams.
+// Forks; the child, its input /dev/null, runs body and exits with its result
+// (or with the status the body exits with itself). Gives the wait status and
+// both streams.
 RunResult runInChild(const std::function<int()>& body);
 
 }  // namespace testing_support

@@ -38,7 +38,8 @@ class HandlerStore : public ::testing::Test {
   // Adds a switched-on handler with context "ctx" on hook smtp; its name.
   static std::string add(const char* type, const char* target, const char* tmpl = "spam",
                          const char* priority = "10", const char* program = "/bin/true") {
-    EXPECT_EQ(0, handler_add(tmpl, type, target, program, "ctx", "smtp", priority, kHandlerSwitchOn));
+    EXPECT_EQ(0,
+              handler_add(tmpl, type, target, program, "ctx", "smtp", priority, kHandlerSwitchOn));
     return str(handler_find(tmpl, type, target, "smtp"));
   }
   // The named parameter files of a handler, one after the other.

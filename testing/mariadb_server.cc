@@ -8,12 +8,13 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 
 #include "testing/test_support.h"
 
@@ -25,9 +26,9 @@ constexpr char kDataDir[] = "/run/mysqld/data";
 constexpr char kSocket[] = "/run/mysqld/mysqld.sock";
 constexpr char kErrorLog[] = "/run/mysqld/error.log";
 constexpr char kPasswordFile[] = "/etc/orb/.orb.shadow";
-constexpr int kStartTimeoutMs = 60000;
-constexpr int kQuitTimeoutMs = 10000;
-constexpr long kPollPauseNs = 10 * 1000 * 1000;
+constexpr auto kPollPause = std::chrono::milliseconds(10);
+constexpr int kStartPolls = 6000;  // a minute
+constexpr int kQuitPolls = 1000;   // ten seconds
 
 // The tables and columns the product database queries read.
 constexpr char kSchema[] =
@@ -55,11 +56,6 @@ constexpr char kSchema[] =
 
 // Connections of the account admin carry this in the log's user_host.
 constexpr char kAdminHostPattern[] = "%[admin] @ localhost%";
-
-void pollPause() {
-  const struct timespec pause = {0, kPollPauseNs};
-  nanosleep(&pause, nullptr);
-}
 
 std::string errorLogTail() {
   std::string log = pathExists(kErrorLog) ? readFile(kErrorLog) : "";
@@ -92,15 +88,13 @@ MariaDbServer::~MariaDbServer() { stop(); }
 
 void MariaDbServer::start() {
   if (running()) return;
-  if (!initialised_) {
+  if (!pathExists(kDataDir)) {
     mkdir(kRunDir, 0755);
     RunResult install = runProgram({"/usr/bin/mariadb-install-db", "--no-defaults",
                                     std::string("--datadir=") + kDataDir, "--user=root",
-                                    "--auth-root-authentication-method=socket",
-                                    "--skip-test-db"});
+                                    "--auth-root-authentication-method=socket", "--skip-test-db"});
     if (install.exitCode() != 0)
       throw std::runtime_error("mariadb-install-db failed:\n" + install.out + install.err);
-    initialised_ = true;
   }
 
   pid_t pid = fork();
@@ -115,33 +109,32 @@ void MariaDbServer::start() {
     execl("/usr/sbin/mariadbd", "mariadbd", "--no-defaults",
           (std::string("--datadir=") + kDataDir).c_str(), "--user=root",
           (std::string("--socket=") + kSocket).c_str(), "--pid-file=/run/mysqld/mysqld.pid",
-          (std::string("--log-error=") + kErrorLog).c_str(), "--skip-networking",
-          "--general-log=1", "--log-output=TABLE", "--innodb-buffer-pool-size=16M",
-          static_cast<char*>(nullptr));
+          (std::string("--log-error=") + kErrorLog).c_str(), "--skip-networking", "--general-log=1",
+          "--log-output=TABLE", "--innodb-buffer-pool-size=16M", static_cast<char*>(nullptr));
     _exit(127);
   }
   pid_ = pid;
 
   // Ready once a connection over the socket succeeds.
-  for (int waited = 0;; waited += kPollPauseNs / 1000000) {
+  for (int polls = 0;; ++polls) {
     int status;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
       throw std::runtime_error("mariadbd exited during start-up:\n" + errorLogTail());
     }
     try {
-      connectRoot();
+      root();
       break;
     } catch (const std::runtime_error&) {
-      if (waited >= kStartTimeoutMs) {
+      if (polls >= kStartPolls) {
         stop();
         throw std::runtime_error("mariadbd accepts no connections:\n" + errorLogTail());
       }
     }
-    pollPause();
+    std::this_thread::sleep_for(kPollPause);
   }
-  exec(std::string("CREATE USER IF NOT EXISTS admin@localhost IDENTIFIED BY '") +
-       kDbAdminPassword + "';GRANT ALL ON *.* TO admin@localhost");
+  exec(std::string("CREATE USER IF NOT EXISTS admin@localhost IDENTIFIED BY '") + kDbAdminPassword +
+       "';GRANT ALL ON *.* TO admin@localhost");
 }
 
 void MariaDbServer::stop() {
@@ -157,51 +150,39 @@ void MariaDbServer::stop() {
   pid_ = -1;
 }
 
-void MariaDbServer::connectRoot() {
-  MYSQL* conn = mysql_init(nullptr);
-  if (conn == nullptr) throw std::runtime_error("mysql_init failed");
-  if (mysql_real_connect(conn, "localhost", "root", nullptr, nullptr, 0, kSocket,
-                         CLIENT_MULTI_STATEMENTS) == nullptr) {
-    std::string text = mysql_error(conn);
-    mysql_close(conn);
-    throw std::runtime_error("root connection: " + text);
-  }
-  root_ = conn;
-}
-
 MYSQL* MariaDbServer::root() {
   if (!running()) throw std::runtime_error("the test MariaDB server is not running");
-  if (root_ == nullptr) connectRoot();
-  return root_;
-}
-
-void MariaDbServer::exec(const std::string& sql) {
-  MYSQL* conn = root();
-  int rc = mysql_real_query(conn, sql.data(), sql.size());
-  for (;;) {
-    if (rc != 0) throw std::runtime_error("test SQL failed: " + std::string(mysql_error(conn)));
-    MYSQL_RES* res = mysql_store_result(conn);
-    if (res != nullptr) mysql_free_result(res);
-    rc = mysql_next_result(conn);
-    if (rc == -1) return;
+  if (root_ == nullptr) {
+    MYSQL* conn = mysql_init(nullptr);
+    if (conn == nullptr) throw std::runtime_error("mysql_init failed");
+    if (mysql_real_connect(conn, "localhost", "root", nullptr, nullptr, 0, kSocket,
+                           CLIENT_MULTI_STATEMENTS) == nullptr) {
+      std::string text = mysql_error(conn);
+      mysql_close(conn);
+      throw std::runtime_error("root connection: " + text);
+    }
+    root_ = conn;
   }
+  return root_;
 }
 
 std::vector<std::vector<std::string>> MariaDbServer::query(const std::string& sql) {
   MYSQL* conn = root();
-  if (mysql_real_query(conn, sql.data(), sql.size()) != 0)
-    throw std::runtime_error("test query failed: " + std::string(mysql_error(conn)));
-  MYSQL_RES* res = mysql_store_result(conn);
-  if (res == nullptr)
-    throw std::runtime_error("test query has no result: " + std::string(mysql_error(conn)));
   std::vector<std::vector<std::string>> rows;
-  unsigned fields = mysql_num_fields(res);
-  while (MYSQL_ROW row = mysql_fetch_row(res)) {
-    std::vector<std::string> values;
-    for (unsigned i = 0; i < fields; ++i) values.push_back(row[i] ? row[i] : "NULL");
-    rows.push_back(values);
+  for (int rc = mysql_real_query(conn, sql.data(), sql.size()); rc != -1;
+       rc = mysql_next_result(conn)) {
+    if (rc != 0) throw std::runtime_error("test SQL failed: " + std::string(mysql_error(conn)));
+    MYSQL_RES* res = mysql_store_result(conn);
+    if (res == nullptr && mysql_field_count(conn) != 0)
+      throw std::runtime_error("test query has no result: " + std::string(mysql_error(conn)));
+    if (res == nullptr) continue;  // a statement without rows
+    const unsigned fields = mysql_num_fields(res);
+    while (MYSQL_ROW row = mysql_fetch_row(res)) {
+      rows.emplace_back();
+      for (unsigned i = 0; i < fields; ++i) rows.back().push_back(row[i] ? row[i] : "NULL");
+    }
+    mysql_free_result(res);
   }
-  mysql_free_result(res);
   return rows;
 }
 
@@ -229,10 +210,10 @@ std::vector<std::string> MariaDbServer::adminQueries() {
 }
 
 bool MariaDbServer::waitForQuit(long long thread) {
-  for (int waited = 0; waited < kQuitTimeoutMs; waited += kPollPauseNs / 1000000) {
+  for (int polls = 0; polls < kQuitPolls; ++polls) {
     for (const LoggedCommand& c : adminLog())
       if (c.thread == thread && c.command == "Quit") return true;
-    pollPause();
+    std::this_thread::sleep_for(kPollPause);
   }
   return false;
 }

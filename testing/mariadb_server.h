@@ -1,21 +1,8 @@
-// A real MariaDB server for the tests of the product database code, run
-// inside the sandbox: data directory, socket, pid file and logs under
-// /run/mysqld (the sandbox's tmpfs), listening only on the client library's
-// default socket, with the general query log kept in mysql.general_log.
-// Setup failures throw std::runtime_error with the server's own text.
-//
-// How a test file uses it:
-// - Build it into mxkeep_db_tests (CMakeLists.txt), the test binary that
-//   ctest runs as one entry in one sandbox. Linking this file registers a
-//   global environment that starts the server once before the first test
-//   and stops it after the last; the layout resets between tests keep
-//   /run/mysqld.
-// - Derive the fixture from ProductDbTest: before each test it recreates
-//   the database "orb" with its tables (no rows), writes the admin password
-//   file and empties the query log. Each test inserts its own rows with
-//   server().exec("insert ...").
-// - Read what the code under test sent with server().adminLog(): every
-//   command of the "admin" account since the test began, in order.
+// A real MariaDB server for the product database tests, one child of the
+// test binary (mxkeep_db_tests) started before its first test and stopped
+// after its last, on the client library's default socket under /run/mysqld,
+// its general query log kept in a table. Fixtures derive from ProductDbTest;
+// set-up failures throw std::runtime_error with the server's own text.
 #ifndef MXKEEP_TESTING_MARIADB_SERVER_H
 #define MXKEEP_TESTING_MARIADB_SERVER_H
 
@@ -47,18 +34,17 @@ class MariaDbServer final {
   MariaDbServer(const MariaDbServer&) = delete;
   MariaDbServer& operator=(const MariaDbServer&) = delete;
 
-  // start - initialises the data directory (first time only), starts the
-  // server, waits until it accepts connections, creates the account admin.
+  // start - makes the data directory the first time, starts the server,
+  // waits until it accepts connections, creates the account admin.
   void start();
-  // stop - shuts the server down and waits for it; nothing when stopped.
   void stop();
   bool running() const { return pid_ > 0; }
 
-  // exec - runs one or more statements (separated by ";") as root;
-  // throws with the server's message on the first error.
-  void exec(const std::string& sql);
-  // query - the rows of one statement run as root; NULL reads as "NULL".
+  // query - runs one or more statements (separated by ";") as root: the
+  // rows of those that give any, NULL read as "NULL"; throws with the
+  // server's message on the first error. exec - the same, rows dropped.
   std::vector<std::vector<std::string>> query(const std::string& sql);
+  void exec(const std::string& sql) { query(sql); }
 
   // resetForTest - fresh database "orb" with every table empty, the
   // password file written, the query log emptied.
@@ -77,12 +63,11 @@ class MariaDbServer final {
   MariaDbServer() = default;
   ~MariaDbServer();
 
+  // The root connection, made on first use.
   MYSQL* root();
-  void connectRoot();
 
   pid_t pid_ = -1;
   MYSQL* root_ = nullptr;
-  bool initialised_ = false;
 };
 
 // Fixture base of tests that use the product database.

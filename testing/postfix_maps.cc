@@ -33,20 +33,27 @@ std::string postmap(std::vector<std::string> args, int maxStatus = 0) {
 }
 
 // Each map's records before and after renaming a.example to b.example, sorted.
-const std::map<std::string, std::pair<std::vector<std::string>, std::vector<std::string>>> kSamples = {
-    {kVirtualDomainsMap, {{"a.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL", "xa.example VIRTUAL"},
-                          {"b.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL", "xa.example VIRTUAL"}}},
-    {kVirtualMap, {{"@a.example catch@a.example", "fwd@c.example info@a.example, ext@a.example.org",
-                    "info@a.example info@a.example", "sales@a.example info@a.example, bob@c.example",
-                    "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"},
-                   {"@b.example catch@b.example", "fwd@c.example info@b.example, ext@a.example.org",
-                    "info@b.example info@b.example", "sales@b.example info@b.example, bob@c.example",
-                    "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"}}},
-    {kVmailboxMap,
-     {{"bob@c.example c.example/bob/", "catch@a.example a.example/catch/", "info@a.example a.example/info/",
-       "odd@c.example a.example.org/odd/", "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"},
-      {"bob@c.example c.example/bob/", "catch@b.example b.example/catch/", "info@b.example b.example/info/",
-       "odd@c.example b.example.org/odd/", "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"}}},
+const std::map<std::string, std::pair<std::vector<std::string>, std::vector<std::string>>>
+    kSamples = {
+        {kVirtualDomainsMap,
+         {{"a.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL",
+           "xa.example VIRTUAL"},
+          {"b.example VIRTUAL", "c.example VIRTUAL", "mail.a.example VIRTUAL",
+           "xa.example VIRTUAL"}}},
+        {kVirtualMap,
+         {{"@a.example catch@a.example", "fwd@c.example info@a.example, ext@a.example.org",
+           "info@a.example info@a.example", "sales@a.example info@a.example, bob@c.example",
+           "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"},
+          {"@b.example catch@b.example", "fwd@c.example info@b.example, ext@a.example.org",
+           "info@b.example info@b.example", "sales@b.example info@b.example, bob@c.example",
+           "u@mail.a.example u@mail.a.example", "v@xa.example v@xa.example"}}},
+        {kVmailboxMap,
+         {{"bob@c.example c.example/bob/", "catch@a.example a.example/catch/",
+           "info@a.example a.example/info/", "odd@c.example a.example.org/odd/",
+           "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"},
+          {"bob@c.example c.example/bob/", "catch@b.example b.example/catch/",
+           "info@b.example b.example/info/", "odd@c.example b.example.org/odd/",
+           "u@mail.a.example mail.a.example/u/", "v@xa.example xa.example/v/"}}},
 };
 
 }  // namespace
@@ -54,7 +61,8 @@ const std::map<std::string, std::pair<std::vector<std::string>, std::vector<std:
 std::vector<std::string> dumpMap(const std::string& spec) {
   std::istringstream in(postmap({"-s", spec}));
   std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line.replace(line.find('\t'), 1, " "));
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line.replace(line.find('\t'), 1, " "));
   std::sort(lines.begin(), lines.end());
   return lines;
 }
@@ -73,10 +81,13 @@ void makeSampleMailLayer() {
     ::unlink(source.c_str());
   }
   const RunResult r = shell(
-      "cd /var/qmail/mailnames && rm -rf ./* && mkdir -p a.example/info/Maildir/new c.example/bob && "
-      "echo 'Subject: kept' > a.example/info/Maildir/new/1.eml && chown -R popuser: a.example c.example");
+      "cd /var/qmail/mailnames && rm -rf ./* && mkdir -p a.example/info/Maildir/new c.example/bob "
+      "&& "
+      "echo 'Subject: kept' > a.example/info/Maildir/new/1.eml && chown -R popuser: a.example "
+      "c.example");
   if (r.exitCode() != 0) throw std::runtime_error("sample mail directories: " + r.err);
-  if (mail_auth_init(kMailStylePostfix) != 0 || mail_auth_add_user("info", "a.example", "secret", 0) != 0 ||
+  if (mail_auth_init(kMailStylePostfix) != 0 ||
+      mail_auth_add_user("info", "a.example", "secret", 0) != 0 ||
       mail_auth_add_user("bob", "c.example", "secret", 0) != 0)
     throw std::runtime_error("sample authentication database");
 }

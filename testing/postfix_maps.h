@@ -12,8 +12,9 @@ extern const char* const kVirtualDomainsMap;  // "hash:/var/spool/postfix/zanth/
 extern const char* const kVirtualMap;
 extern const char* const kVmailboxMap;
 
-// dumpMap - the records as sorted "key value" lines; queryMap - the value of key, "" when not found.
+// dumpMap - the records as sorted "key value" lines.
 std::vector<std::string> dumpMap(const std::string& spec);
+// queryMap - the value of key, "" when not found.
 std::string queryMap(const std::string& spec, const std::string& key);
 
 // The three maps (a.example, subdomain mail.a.example, look-alike xa.example,

@@ -14,14 +14,13 @@
 
 namespace {
 
-// Each test expects the fresh layout of the fixed paths. ctest gives every
-// test its own sandbox; a run of many tests in one process resets the
-// layout between them instead.
+// ctest gives every test its own sandbox; a run of many tests in one
+// process resets the layout of the fixed paths between them instead.
 class FreshLayout final : public testing::EmptyTestEventListener {
  public:
   void OnTestStart(const testing::TestInfo&) override {
-    if (!first_ && std::system((std::string(MXKEEP_SOURCE_DIR) +
-                                "/testing/sandbox.sh --reset-layout").c_str()) != 0) {
+    const std::string reset = std::string(MXKEEP_SOURCE_DIR) + "/testing/sandbox.sh --reset-layout";
+    if (!first_ && std::system(reset.c_str()) != 0) {
       std::fprintf(stderr, "cannot reset the sandbox layout\n");
       std::exit(1);
     }

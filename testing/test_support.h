@@ -18,34 +18,24 @@ struct RunResult {
   std::string out;
   std::string err;
 
-  bool exited() const;
   int exitCode() const;  // -1 unless the child exited normally
 };
 
-// Runs argv[0] (a path) with argv, feeding `input` to its standard input.
-RunResult runProgram(const std::vector<std::string>& argv,
-                     const std::string& input = "");
+// Runs argv[0] (a path) with argv, its standard input /dev/null.
+RunResult runProgram(const std::vector<std::string>& argv);
 
-// Serves the streams of the child pid until they end: writes `input` to
-// in_fd, collects out_fd and err_fd (any may be -1), closes all three and
-// reaps the child.
-RunResult collectChild(pid_t pid, int in_fd, int out_fd, int err_fd,
-                       const std::string& input = "");
-
-// Runs the built mxkeep_domain_rename with the given arguments.
+// Runs the built mxkeep_domain_rename, whose path toolPath gives, with args.
 RunResult runTool(const std::vector<std::string>& args);
-
-// Path of the built tool and of a file in the source tree.
 std::string toolPath();
+// Paths in the source and in the build tree.
 std::string sourcePath(const std::string& relative);
 std::string buildPath(const std::string& relative);
 
 std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& content,
-               mode_t mode = 0644);
+void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 bool pathExists(const std::string& path);
 
-// Runs a shell command line with /bin/sh -c; returns the wait status.
+// Runs a shell command line with /bin/sh -c.
 RunResult shell(const std::string& command);
 
 // The what() of the E that f throws, or "<nothing thrown>".
