@@ -56,4 +56,4 @@ class HandlerStore : public ::testing::Test {
 
 }  // namespace handler_testing
 
-#endif  // MXKEEP_MAIL_HANDLERS_HANDLER_TEST_FIXTURE_H
+#endif  // MXKEEP_TESTING_HANDLER_FIXTURE_H
