@@ -26,11 +26,14 @@ const User kUsers[] = {{"info", "example.org", "secret1"},
                        {"help", "mail.example.org", "secret3"},
                        {"boss", "other.example", "secret4"}};
 
-const Handler kHandlers[] = {
-    {"spam", "10", "recipient", "info@example.org", "spam filter for info@example.org", "before-queue"},
-    {"virus", "20", "recipient-domain", "example.org", "virus filter for example.org", "before-queue"},
-    {"spam", "10", "recipient", "boss@other.example", "spam filter for boss@other.example", "before-queue"},
-    {"archive", "5", "global", nullptr, "archive of all mail", "after-queue"}};
+const Handler kHandlers[] = {{"spam", "10", "recipient", "info@example.org",
+                              "spam filter for info@example.org", "before-queue"},
+                             {"virus", "20", "recipient-domain", "example.org",
+                              "virus filter for example.org", "before-queue"},
+                             {"spam", "10", "recipient", "boss@other.example",
+                              "spam filter for boss@other.example", "before-queue"},
+                             {"archive", "5", "global", nullptr, "archive of all mail",
+                              "after-queue"}};
 
 int failed(const char* step, const char* what) {
   std::fprintf(stderr, "demo_seed: cannot %s %s\n", step, what);
