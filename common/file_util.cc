@@ -119,10 +119,8 @@ void empty_dir(DIR* dir) {
 
 // remove_subdir - remove the directory name in parent and all under it.
 void remove_subdir(int parent, const char* name) {
-  int fd = zanth::retryEintr([&] {
-    return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  });
-  if (fd < 0) {
+  DIR* dir = zanth::openDirAt(parent, name, O_NOFOLLOW | O_NONBLOCK);
+  if (dir == nullptr) {
     if (errno == ENOENT) return;
     // Replaced by a file or a link since it was listed: that goes too.
     if (errno == ENOTDIR || errno == ELOOP) {
@@ -130,12 +128,6 @@ void remove_subdir(int parent, const char* name) {
       return;
     }
     report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
-  }
-  DIR* dir = fdopendir(fd);
-  if (dir == nullptr) {
-    const int saved = errno;
-    close(fd);
-    report_fatal("Unable to open dir %s: %s\n", name, std::strerror(saved));
   }
   empty_dir(dir);
   if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
