@@ -136,20 +136,6 @@ void remove_subdir(int parent, const char* name) {
     report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
 }
 
-// open_ownable - path opened for fchown and fchmod: not through a link,
-// and not a regular file that has other names. -1 with errno otherwise.
-int open_ownable(const char* path) {
-  zanth::UniqueFd fd(zanth::retryEintr(
-      [&] { return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-  struct stat st;
-  if (fd.get() < 0 || fstat(fd.get(), &st) != 0) return -1;
-  if (S_ISREG(st.st_mode) && st.st_nlink > 1) {
-    errno = EMLINK;
-    return -1;
-  }
-  return fd.release();
-}
-
 }  // namespace
 
 int make_dirs(const char* path) {
@@ -282,6 +268,17 @@ void remove_tree(const char* path, int remove_top) {
     report_fatal("Unable to remove dir %s: %s\n", path, std::strerror(errno));
 }
 
+int open_unshared(const char* path, struct stat* st) {
+  zanth::UniqueFd fd(zanth::retryEintr(
+      [&] { return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+  if (fd.get() < 0 || fstat(fd.get(), st) != 0) return -1;
+  if (S_ISREG(st->st_mode) && st->st_nlink > 1) {
+    errno = EMLINK;
+    return -1;
+  }
+  return fd.release();
+}
+
 int set_owner_by_name(const char* path, const char* user, mode_t mode) {
   errno = 0;
   const struct passwd* pw = getpwnam(user);
@@ -289,7 +286,8 @@ int set_owner_by_name(const char* path, const char* user, mode_t mode) {
     report_error(0, 0, "user %s not found", user);
     return -1;
   }
-  zanth::UniqueFd fd(open_ownable(path));
+  struct stat st;
+  zanth::UniqueFd fd(open_unshared(path, &st));
   if (fd.get() < 0 ||
       zanth::retryEintr([&] { return fchown(fd.get(), pw->pw_uid, pw->pw_gid); }) != 0) {
     report_error(0, 0, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
