@@ -117,6 +117,21 @@ void empty_dir(DIR* dir) {
   }
 }
 
+// clear_dir - empty the directory listed by dir, named name in messages,
+// and close it; a null dir is a failure to open it, errno saying why.
+void clear_dir(DIR* dir, const char* name) {
+  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
+  empty_dir(dir);
+  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
+}
+
+// remove_empty_dir - remove the directory name in dir; a vanished one is
+// fine, else it fails.
+void remove_empty_dir(int dir, const char* name) {
+  if (zanth::retryEintr([&] { return unlinkat(dir, name, AT_REMOVEDIR); }) != 0 && errno != ENOENT)
+    report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
+}
+
 // remove_subdir - remove the directory name in parent and all under it.
 void remove_subdir(int parent, const char* name) {
   DIR* dir = zanth::openDirAt(parent, name, O_NOFOLLOW | O_NONBLOCK);
@@ -127,13 +142,9 @@ void remove_subdir(int parent, const char* name) {
       unlink_tolerant(parent, name, "Unable to unlink entry %s: %s\n");
       return;
     }
-    report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
   }
-  empty_dir(dir);
-  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
-  if (zanth::retryEintr([&] { return unlinkat(parent, name, AT_REMOVEDIR); }) != 0 &&
-      errno != ENOENT)
-    report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
+  clear_dir(dir, name);
+  remove_empty_dir(parent, name);
 }
 
 }  // namespace
@@ -260,12 +271,8 @@ void remove_tree(const char* path, int remove_top) {
   }
 
   // Everything else is taken for a directory.
-  DIR* dir = opendir(path);
-  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", path, std::strerror(errno));
-  empty_dir(dir);
-  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", path, std::strerror(errno));
-  if (remove_top && zanth::retryEintr([&] { return rmdir(path); }) != 0 && errno != ENOENT)
-    report_fatal("Unable to remove dir %s: %s\n", path, std::strerror(errno));
+  clear_dir(opendir(path), path);
+  if (remove_top) remove_empty_dir(AT_FDCWD, path);
 }
 
 int open_unshared(const char* path, struct stat* st) {
