@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/file_util.h"
 #include "process/lock.h"
 
 namespace {
@@ -34,16 +35,9 @@ bool isOneLine(const char* text) {
 // (a link planted there, a device, another file's hard link) must not be
 // read into it. -1 with errno; st filled on success.
 int openOriginal(const char* path, struct stat* st) {
-  zanth::UniqueFd fd(zanth::retryEintr(
-      [&] { return ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-  if (fd.get() < 0) return -1;
-  if (::fstat(fd.get(), st) != 0) return -1;
-  if (!S_ISREG(st->st_mode)) {
+  zanth::UniqueFd fd(open_unshared(path, st));
+  if (fd.get() >= 0 && !S_ISREG(st->st_mode)) {
     errno = EINVAL;
-    return -1;
-  }
-  if (st->st_nlink > 1) {
-    errno = EMLINK;
     return -1;
   }
   return fd.release();

@@ -117,45 +117,34 @@ void empty_dir(DIR* dir) {
   }
 }
 
+// clear_dir - empty the directory listed by dir, named name in messages,
+// and close it; a null dir is a failure to open it, errno saying why.
+void clear_dir(DIR* dir, const char* name) {
+  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
+  empty_dir(dir);
+  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
+}
+
+// remove_empty_dir - remove the directory name in dir; a vanished one is
+// fine, else it fails.
+void remove_empty_dir(int dir, const char* name) {
+  if (zanth::retryEintr([&] { return unlinkat(dir, name, AT_REMOVEDIR); }) != 0 && errno != ENOENT)
+    report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
+}
+
 // remove_subdir - remove the directory name in parent and all under it.
 void remove_subdir(int parent, const char* name) {
-  int fd = zanth::retryEintr([&] {
-    return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  });
-  if (fd < 0) {
+  DIR* dir = zanth::openDirAt(parent, name, O_NOFOLLOW | O_NONBLOCK);
+  if (dir == nullptr) {
     if (errno == ENOENT) return;
     // Replaced by a file or a link since it was listed: that goes too.
     if (errno == ENOTDIR || errno == ELOOP) {
       unlink_tolerant(parent, name, "Unable to unlink entry %s: %s\n");
       return;
     }
-    report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
   }
-  DIR* dir = fdopendir(fd);
-  if (dir == nullptr) {
-    const int saved = errno;
-    close(fd);
-    report_fatal("Unable to open dir %s: %s\n", name, std::strerror(saved));
-  }
-  empty_dir(dir);
-  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
-  if (zanth::retryEintr([&] { return unlinkat(parent, name, AT_REMOVEDIR); }) != 0 &&
-      errno != ENOENT)
-    report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
-}
-
-// open_ownable - path opened for fchown and fchmod: not through a link,
-// and not a regular file that has other names. -1 with errno otherwise.
-int open_ownable(const char* path) {
-  zanth::UniqueFd fd(zanth::retryEintr(
-      [&] { return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-  struct stat st;
-  if (fd.get() < 0 || fstat(fd.get(), &st) != 0) return -1;
-  if (S_ISREG(st.st_mode) && st.st_nlink > 1) {
-    errno = EMLINK;
-    return -1;
-  }
-  return fd.release();
+  clear_dir(dir, name);
+  remove_empty_dir(parent, name);
 }
 
 }  // namespace
@@ -282,12 +271,19 @@ void remove_tree(const char* path, int remove_top) {
   }
 
   // Everything else is taken for a directory.
-  DIR* dir = opendir(path);
-  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", path, std::strerror(errno));
-  empty_dir(dir);
-  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", path, std::strerror(errno));
-  if (remove_top && zanth::retryEintr([&] { return rmdir(path); }) != 0 && errno != ENOENT)
-    report_fatal("Unable to remove dir %s: %s\n", path, std::strerror(errno));
+  clear_dir(opendir(path), path);
+  if (remove_top) remove_empty_dir(AT_FDCWD, path);
+}
+
+int open_unshared(const char* path, struct stat* st) {
+  zanth::UniqueFd fd(zanth::retryEintr(
+      [&] { return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+  if (fd.get() < 0 || fstat(fd.get(), st) != 0) return -1;
+  if (S_ISREG(st->st_mode) && st->st_nlink > 1) {
+    errno = EMLINK;
+    return -1;
+  }
+  return fd.release();
 }
 
 int set_owner_by_name(const char* path, const char* user, mode_t mode) {
@@ -297,7 +293,8 @@ int set_owner_by_name(const char* path, const char* user, mode_t mode) {
     report_error(0, 0, "user %s not found", user);
     return -1;
   }
-  zanth::UniqueFd fd(open_ownable(path));
+  struct stat st;
+  zanth::UniqueFd fd(open_unshared(path, &st));
   if (fd.get() < 0 ||
       zanth::retryEintr([&] { return fchown(fd.get(), pw->pw_uid, pw->pw_gid); }) != 0) {
     report_error(0, 0, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));

@@ -6,6 +6,7 @@
 #ifndef MXKEEP_COMMON_FILE_UTIL_H
 #define MXKEEP_COMMON_FILE_UTIL_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -46,6 +47,12 @@ int read_first_line(char* buffer, size_t size, const char* path);
 // missing path is fine. Any failure ends the process. The working directory
 // is left alone: entries are removed relative to their open directory.
 void remove_tree(const char* path, int remove_top);
+
+// open_unshared - path opened read-only, never through a symbolic link at
+// it (ELOOP) nor blocking on a fifo, and refused (EMLINK) when it is a
+// regular file with other hard links; *st gets its status. A descriptor
+// (the caller closes it), or -1 with errno; reports nothing.
+int open_unshared(const char* path, struct stat* st);
 
 // set_owner_by_name - give path to the account user (its uid and primary
 // gid) with mode. A symbolic link at path is refused, never followed, and

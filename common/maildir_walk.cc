@@ -30,21 +30,10 @@ bool is_folder_name(const char* name) {
   return name[0] == '.' && !is_dot_or_dotdot(name) && std::strcmp(name, kTrashFolder) != 0;
 }
 
-// open_dir_at - a descriptor of the directory parent/name; extra_flags
-// O_NOFOLLOW where a link must not be entered.
-int open_dir_at(int parent, const char* name, int extra_flags = 0) {
-  return zanth::retryEintr([&] {
-    return ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | extra_flags);
-  });
-}
-
-// open_stream_at - a DIR* over parent/name, or null with errno.
-DIR* open_stream_at(int parent, const char* name, int extra_flags = 0) {
-  zanth::UniqueFd fd(open_dir_at(parent, name, extra_flags));
-  if (fd.get() < 0) return nullptr;
-  DIR* dir = ::fdopendir(fd.get());
-  if (dir != nullptr) fd.release();
-  return dir;
+// open_dir_at - a descriptor of the directory parent/name.
+int open_dir_at(int parent, const char* name) {
+  return zanth::retryEintr(
+      [&] { return ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
 }
 
 // add_bytes - a sum that saturates rather than wraps on absurd sizes.
@@ -56,7 +45,7 @@ long long add_bytes(long long total, long long more) {
 // count_messages - add the messages of parent/name; a directory that
 // cannot be opened counts as empty.
 int count_messages(int parent, const char* name, maildir_usage* usage) {
-  zanth::UniqueDir dir(open_stream_at(parent, name));
+  zanth::UniqueDir dir(zanth::openDirAt(parent, name));
   struct stat st;
   if (dir.get() == nullptr || ::fstat(::dirfd(dir.get()), &st) != 0) return 0;
   if (st.st_mtime > usage->newest_mtime) usage->newest_mtime = st.st_mtime;
@@ -133,7 +122,7 @@ long long tree_size_at(int parent, const char* name) {
     return -1;
   long long total = st.st_size;
   if (!S_ISDIR(st.st_mode)) return total;
-  zanth::UniqueDir dir(open_stream_at(parent, name, O_NOFOLLOW));
+  zanth::UniqueDir dir(zanth::openDirAt(parent, name, O_NOFOLLOW));
   if (dir.get() == nullptr) return -1;
   for (const struct dirent* entry; (entry = ::readdir(dir.get())) != nullptr;) {
     if (is_dot_or_dotdot(entry->d_name)) continue;
@@ -172,7 +161,7 @@ bool maildir_size_from_name(const char* name, long long* size) {
 
 int maildir_count_usage(const char* maildir, maildir_usage* usage) {
   *usage = maildir_usage{0, 0, 0};
-  zanth::UniqueDir dir(open_stream_at(AT_FDCWD, maildir));
+  zanth::UniqueDir dir(zanth::openDirAt(AT_FDCWD, maildir));
   if (dir.get() == nullptr) return -1;
   const int top = ::dirfd(dir.get());
   if (count_folder(top, usage) != 0) return -1;

@@ -1,12 +1,14 @@
 // Small shared helpers for system calls: the EINTR retry loop, path
-// formatting into fixed 4096-byte buffers, the errno saver, and owners for
-// descriptors and for FILE*, DIR*, popen, dlopen and malloc'ed handles.
-// Header-only; nothing here reports by itself.
+// formatting into fixed 4096-byte buffers, the errno saver, owners for
+// descriptors and for FILE*, DIR*, popen, dlopen and malloc'ed handles, and
+// directory streams opened relative to a directory. Header-only; nothing
+// here reports by itself.
 #ifndef MXKEEP_COMMON_SYSCALL_H
 #define MXKEEP_COMMON_SYSCALL_H
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -141,6 +143,18 @@ using UniquePipeStream = UniqueHandle<FILE, ::pclose>;      // popen
 using UniqueDir = UniqueHandle<DIR, ::closedir>;            // opendir, fdopendir
 using UniqueLibrary = UniqueHandle<void, ::dlclose>;        // dlopen
 using UniqueCString = UniqueHandle<char, std::free>;        // malloc, strdup, getline
+
+// openDirAt - a stream over the directory name in parent (AT_FDCWD: the
+// working directory), opened with extra_flags added (O_NOFOLLOW where a
+// link must not be entered); null with errno from the open or fdopendir.
+inline DIR* openDirAt(int parent, const char* name, int extra_flags = 0) {
+  UniqueFd fd(retryEintr(
+      [&] { return ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | extra_flags); }));
+  if (fd.get() < 0) return nullptr;
+  DIR* dir = ::fdopendir(fd.get());
+  if (dir != nullptr) fd.release();
+  return dir;
+}
 
 }  // namespace zanth
 
