@@ -254,40 +254,45 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
   return act(name, nullptr, final_action, nullptr, exact ? &written : nullptr);
 }
 
-// What a copy of a handler for a new target is made from besides its
-// template, type and hook.
+// What a copy of a handler for a new target is made from besides its type
+// and hook.
 struct CopyParts {
+  UniqueCString tmpl;
   UniqueCString priority;
   UniqueCString executable;
   UniqueCString context;
 };
 
-// readCopyParts - false when a part cannot be read (each reader logs).
-bool readCopyParts(const char* name, CopyParts* parts) {
-  parts->priority.reset(handler_priority(name));
-  parts->executable.reset(handler_executable(name));
-  parts->context.reset(handler_param(name, "context"));
-  return parts->priority && parts->executable && parts->context;
-}
-
-// Makes a switched-on copy of the handler for target. When a handler of the
-// same template, type and hook already serves target, nothing is created.
-// The copy search asks index, when given, before the store.
-int retarget(const char* name, const Location& loc, const char* target, HandlerIndex* index) {
-  UniqueCString tmpl(handler_template(name));
-  if (!tmpl) return -1;
+// readCopyParts - reads what a copy of the handler for target is made of:
+// 1 with the parts read; 0 when a handler of the same template, type and
+// hook already serves target, so no copy is due; -1 when a part cannot be
+// read (each reader logs). The copy search asks index, when given, first.
+int readCopyParts(const char* name, const Location& loc, const char* target, HandlerIndex* index,
+                  CopyParts* parts) {
+  parts->tmpl.reset(handler_template(name));
+  if (!parts->tmpl) return -1;
   std::string found;
   HandlerIndex::Find known = HandlerIndex::Find::kAskStore;
   if (index != nullptr)
-    known = index->find(tmpl.get(), loc.type_name, target, loc.hook, &found);
+    known = index->find(parts->tmpl.get(), loc.type_name, target, loc.hook, &found);
   if (known == HandlerIndex::Find::kFound) return 0;
   if (known == HandlerIndex::Find::kAskStore) {
-    UniqueCString existing(handler_find(tmpl.get(), loc.type_name, target, loc.hook));
+    UniqueCString existing(handler_find(parts->tmpl.get(), loc.type_name, target, loc.hook));
     if (existing) return 0;
   }
+  parts->priority.reset(handler_priority(name));
+  parts->executable.reset(handler_executable(name));
+  parts->context.reset(handler_param(name, "context"));
+  return parts->priority && parts->executable && parts->context ? 1 : -1;
+}
+
+// Makes a switched-on copy of the handler for target, unless a handler of
+// its template already serves target.
+int retarget(const char* name, const Location& loc, const char* target, HandlerIndex* index) {
   CopyParts parts;
-  if (!readCopyParts(name, &parts)) return -1;
-  return addHandler(tmpl.get(), loc.type_name, target, parts.executable.get(),
+  const int needed = readCopyParts(name, loc, target, index, &parts);
+  if (needed <= 0) return needed;
+  return addHandler(parts.tmpl.get(), loc.type_name, target, parts.executable.get(),
                     parts.context.get(), loc.hook, parts.priority.get(), kHandlerSwitchOn, index);
 }
 
@@ -529,13 +534,9 @@ int handler_target_match(const char* name, const char* target, const char* new_t
 
 int handler_rename_ready(const char* name, const char* new_target) {
   Location loc;
-  if (!locate(name, nullptr, &loc)) return -1;
-  UniqueCString tmpl(handler_template(name));
-  if (!tmpl) return -1;
-  UniqueCString existing(handler_find(tmpl.get(), loc.type_name, new_target, loc.hook));
-  if (existing) return 0;
   CopyParts parts;
-  return readCopyParts(name, &parts) ? 0 : -1;
+  if (!locate(name, nullptr, &loc)) return -1;
+  return readCopyParts(name, loc, new_target, nullptr, &parts) < 0 ? -1 : 0;
 }
 
 int handlers_list(std::vector<std::string>* names) {

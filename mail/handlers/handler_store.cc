@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
 
 #include "common/descriptors.h"
 #include "common/file_util.h"
@@ -96,19 +95,12 @@ bool readValue(const char* path, char (&value)[kHandlerParamMax]) {
 bool writeLine(int fd, const char* value) {
   const size_t len = std::strlen(value);
   iovec parts[] = {{const_cast<char*>(value), len}, {const_cast<char*>("\n"), 1}};
-  ssize_t n = zanth::retryEintr([&] { return ::writev(fd, parts, 2); });
+  const ssize_t n = zanth::retryEintr([&] { return ::writev(fd, parts, 2); });
   if (n < 0) return false;
-  // A short write leaves the rest of value and the newline to go.
-  size_t done = static_cast<size_t>(n);
-  for (const char* chunk : {value, "\n"}) {
-    size_t left = chunk == value ? len : 1;
-    const size_t skip = done < left ? done : left;
-    done -= skip;
-    chunk += skip;
-    left -= skip;
-    if (zanth::writeFully(fd, chunk, left) != 0) return false;
-  }
-  return true;
+  // A short write leaves the rest of value, then the newline, to go.
+  const size_t done = static_cast<size_t>(n);
+  if (done < len && zanth::writeFully(fd, value + done, len - done) != 0) return false;
+  return done > len || zanth::writeFully(fd, "\n", 1) == 0;
 }
 
 // Template part of name copied into buf for strcoll; names on disk are far

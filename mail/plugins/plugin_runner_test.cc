@@ -1,5 +1,6 @@
 // The plugin runner with real modules in the plugin directory: which run,
-// with which arguments, and what a failing, crashing or unloadable one reports.
+// with which arguments, what a failing or unloadable one reports, and that
+// a plugin calling exit() ends only its own child.
 #include "mail/plugins/plugin_runner.h"
 
 #include <dlfcn.h>
