@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/errors.h"
@@ -32,60 +32,55 @@ bool is_ascii_alnum(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
+// refuse - report a refusal that is no failed system call, so without
+// errno, then leave errno at cause for the caller. Always -1.
+int refuse(int cause, const char* format, ...) __attribute__((format(printf, 2, 3)));
+int refuse(int cause, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  errno = 0;
+  vreport_error(0, 0, format, args);
+  va_end(args);
+  errno = cause;
+  return -1;
+}
+
 // mailname_format - root/<ASCII domain>/<mailname> + suffix into buf;
-// too_long is the message for a path that does not fit. Failures that are
-// no system error are reported without errno and leave it set for callers.
+// too_long is the message for a path that does not fit.
 int mailname_format(char* buf, size_t size, const char* mailname, const char* domain,
                     const char* suffix, const char* too_long) {
   if (mailname == nullptr || domain == nullptr ||
-      !(is_ascii_alnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-')) {
-    errno = 0;
-    report_error(0, 0, "empty mailname or maildomain");
-    errno = EINVAL;
-    return -1;
-  }
+      !(is_ascii_alnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-'))
+    return refuse(EINVAL, "empty mailname or maildomain");
   idn_last_error = 0;
-  char* ascii = idn_toascii(domain);
-  if (ascii == nullptr) {
-    errno = 0;
-    report_error(0, 0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
-    errno = EINVAL;
-    return -1;
-  }
-  bool fits = zanth::path_format(buf, size, "%s/%s/%s%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
-                                 ascii, mailname, suffix);
-  std::free(ascii);
-  if (!fits) {
-    errno = 0;
-    report_error(0, 0, too_long, domain, mailname);
-    errno = ENAMETOOLONG;
-    return -1;
-  }
+  const zanth::UniqueCString ascii(idn_toascii(domain));
+  if (!ascii)
+    return refuse(EINVAL, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
+  if (!zanth::path_format(buf, size, "%s/%s/%s%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
+                          ascii.get(), mailname, suffix))
+    return refuse(ENAMETOOLONG, too_long, domain, mailname);
   return 0;
 }
 
-// forward_line - "&" + address with its domain in ASCII + line_end, as a
-// heap string; null when reported.
-char* forward_line(const char* address, const char* line_end, const char* asprintf_failure) {
+// forward_line - "&" + address with its domain in ASCII + line_end; null
+// when reported.
+zanth::UniqueCString forward_line(const char* address, const char* line_end,
+                                  const char* asprintf_failure) {
   idn_last_error = 0;
-  char* ascii = idn_email_toascii(address);
-  if (ascii == nullptr || idn_last_error != 0) {
+  const zanth::UniqueCString ascii(idn_email_toascii(address));
+  if (!ascii || idn_last_error != 0) {
     // Without "@" there is no error code to name.
     const char* why =
         idn_last_error != 0 ? idn_strerror(idn_last_error) : "no \"@\" in the address";
-    std::free(ascii);
-    errno = 0;
-    report_error(0, 0, "idn_email_toascii(%s) failed: %s", address, why);
-    errno = EINVAL;
-    return nullptr;
+    refuse(EINVAL, "idn_email_toascii(%s) failed: %s", address, why);
+    return zanth::UniqueCString();
   }
   char* line = nullptr;
-  if (asprintf(&line, "&%s%s", ascii, line_end) < 0) {
-    line = nullptr;
-    report_error(0, 0, asprintf_failure, ascii, std::strerror(errno));
+  if (asprintf(&line, "&%s%s", ascii.get(), line_end) < 0) {
+    report_error(0, 0, asprintf_failure, ascii.get(), std::strerror(errno));
+    return zanth::UniqueCString();
   }
-  std::free(ascii);
-  return line;
+  return zanth::UniqueCString(line);
 }
 
 int set_delivery_owner(const char* path) { return set_owner_by_name(path, kOwner, kMode); }
@@ -104,14 +99,14 @@ int edit(const char* path, const char* const* remove, size_t count, const char* 
 // one. The two directions build their line differently (with and without
 // the line feed) and have their own texts; both name the same lines.
 int edit_forward(const char* path, const char* address, bool adding) {
-  char* line = adding ? forward_line(address, "", "asprintf(\"&%%s\", %s) failed: %s")
-                      : forward_line(address, "\n", "asprintf(\"&%%s\", %s): %s");
-  if (line == nullptr) return -1;
-  int result = edit(path, &line, 1, adding ? line : nullptr,
-                    adding ? "Unable to add string to %s file."
-                           : "Unable to remove string from %s file.");
-  std::free(line);
-  return result;
+  const zanth::UniqueCString owned =
+      adding ? forward_line(address, "", "asprintf(\"&%%s\", %s) failed: %s")
+             : forward_line(address, "\n", "asprintf(\"&%%s\", %s): %s");
+  if (!owned) return -1;
+  const char* line = owned.get();
+  return edit(path, &line, 1, adding ? line : nullptr,
+              adding ? "Unable to add string to %s file."
+                     : "Unable to remove string from %s file.");
 }
 
 // on_qmail_path - run step on the delivery file of mailname in domain.

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "common/descriptors.h"
 #include "common/syscall.h"
@@ -32,10 +33,6 @@ AutocleanOFStream::FileBuffer::FileBuffer() : space_(kTextBlock) {
   setp(space_.data(), space_.data() + space_.size());
 }
 
-AutocleanOFStream::FileBuffer::~FileBuffer() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 void AutocleanOFStream::FileBuffer::fail(const char* step, const std::string& cause) {
   if (failure_.empty())
     failure_ = std::string("cannot ") + step + " the text source " + path_ + ": " + cause;
@@ -48,27 +45,27 @@ void AutocleanOFStream::FileBuffer::fail(const char* step, const std::string& ca
 // truncating it can only ever destroy a stale text source of our own.
 void AutocleanOFStream::FileBuffer::open(const std::string& path) {
   path_ = path;
-  int fd = zanth::retryEintr([&] {
+  UniqueFd owned(zanth::retryEintr([&] {
     return ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                   kTextSourceMode);
-  });
+  }));
+  const int fd = owned.get();
   if (fd < 0) return fail("create", std::strerror(errno));
-  UniqueFd owned(fd);
   struct stat st {};
   if (::fstat(fd, &st) != 0) return fail("create", std::strerror(errno));
   if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
     return fail("create", "not a regular file with one link");
   if (zanth::retryEintr([&] { return ::ftruncate(fd, 0); }) != 0)
     return fail("create", std::strerror(errno));
-  fd_ = owned.release();
+  fd_ = std::move(owned);
 }
 
 bool AutocleanOFStream::FileBuffer::flushBuffer() {
   const char* data = pbase();
   size_t left = static_cast<size_t>(pptr() - pbase());
   setp(space_.data(), space_.data() + space_.size());
-  if (!failure_.empty() || fd_ < 0) return false;
-  if (zanth::writeFully(fd_, data, left) != 0) {
+  if (!failure_.empty() || fd_.get() < 0) return false;
+  if (zanth::writeFully(fd_.get(), data, left) != 0) {
     fail("write", std::strerror(errno));
     return false;
   }
@@ -86,12 +83,10 @@ AutocleanOFStream::FileBuffer::int_type AutocleanOFStream::FileBuffer::overflow(
 int AutocleanOFStream::FileBuffer::sync() { return flushBuffer() ? 0 : -1; }
 
 void AutocleanOFStream::FileBuffer::close() {
-  if (fd_ < 0) return;
+  if (fd_.get() < 0) return;
   flushBuffer();
-  const int fd = fd_;
-  fd_ = -1;
   // A close can report a write that failed late (NFS, quota).
-  if (zanth::closeDescriptor(fd) != 0) fail("close", std::strerror(errno));
+  if (zanth::closeDescriptor(fd_.release()) != 0) fail("close", std::strerror(errno));
 }
 
 AutocleanOFStream::AutocleanOFStream(const std::string& fileName)

@@ -14,8 +14,9 @@
 
 #include <boost/function.hpp>
 
-#include "mail/postfix/database/filters.h"
 #include "common/fixed_paths.h"
+#include "common/syscall.h"
+#include "mail/postfix/database/filters.h"
 #include "process/lock.h"
 #include "process/pipe.h"
 
@@ -47,7 +48,6 @@ class AutocleanOFStream final : public std::ostream {
   class FileBuffer final : public std::streambuf {
    public:
     FileBuffer();
-    ~FileBuffer() override;
     void open(const std::string& path);
     void close();
     const std::string& failure() const { return failure_; }
@@ -61,7 +61,7 @@ class AutocleanOFStream final : public std::ostream {
     void fail(const char* step, const std::string& cause);
 
     std::string path_;
-    int fd_ = -1;
+    UniqueFd fd_;  // closed unreported on destruction, errno kept
     std::vector<char> space_;
     std::string failure_;
   };
