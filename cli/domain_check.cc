@@ -4,6 +4,7 @@
 // they explain. The check's own failures end in a "Fatal error: " line.
 #include "cli/domain_check.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/filesystem.hpp>
 #include <cstdarg>
 #include <cstdio>
@@ -462,13 +463,11 @@ CheckReport checkName(const std::string& name) {
   const bool disagree = presence.interrupted ||
                         (anywhere && (!presence.virtualDomains || !presence.directory));
   if (disagree) {
-    std::string where;
-    for (const std::string& place : presence.foundIn) where += (where.empty() ? "" : ", ") + place;
-    std::string missing;
-    for (const std::string& place : presence.missingFrom)
-      missing += (missing.empty() ? "" : ", ") + place;
-    report.verdict = "the places disagree (found in: " + (where.empty() ? "none" : where) +
-                     "; missing from: " + (missing.empty() ? "none" : missing) + ")";
+    const auto listed = [](const std::vector<std::string>& places) {
+      return places.empty() ? std::string("none") : boost::algorithm::join(places, ", ");
+    };
+    report.verdict = "the places disagree (found in: " + listed(presence.foundIn) +
+                     "; missing from: " + listed(presence.missingFrom) + ")";
     report.recovery = recoveryCommand(name, presence, domainKeys);
   } else if (findings.failures() > 0) {
     report.verdict = "some places cannot be read";
