@@ -191,14 +191,14 @@ void checkDirectory(Findings& findings, const std::string& oldName, const std::s
   const fs::path from = pf::domainDirectory(oldName);
   const fs::path to = pf::domainDirectory(newName);
   findings.change(kPlaceDirectory, "move", from.string(), to.string());
+  // rename(2) replaces an empty directory and fails on anything else.
   if (!present(from))
     findings.add(kPlaceDirectory, FindingKind::kFailure,
                  "source missing, the rename fails here: " + from.string());
-  // rename(2) replaces an empty directory and fails on anything else.
-  if (present(to) && present(from) && emptyDirectory(to))
+  else if (emptyDirectory(to))
     findings.add(kPlaceDirectory, FindingKind::kHazard,
                  "target exists and is empty, the move replaces it: " + to.string());
-  else if (present(to) && present(from))
+  else if (present(to))
     findings.add(kPlaceDirectory, FindingKind::kFailure,
                  "target exists, the move fails: " + to.string());
 }
