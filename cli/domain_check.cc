@@ -4,6 +4,7 @@
 // they explain. The check's own failures end in a "Fatal error: " line.
 #include "cli/domain_check.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/filesystem.hpp>
 #include <cstdarg>
 #include <cstdio>
@@ -190,14 +191,14 @@ void checkDirectory(Findings& findings, const std::string& oldName, const std::s
   const fs::path from = pf::domainDirectory(oldName);
   const fs::path to = pf::domainDirectory(newName);
   findings.change(kPlaceDirectory, "move", from.string(), to.string());
+  // rename(2) replaces an empty directory and fails on anything else.
   if (!present(from))
     findings.add(kPlaceDirectory, FindingKind::kFailure,
                  "source missing, the rename fails here: " + from.string());
-  // rename(2) replaces an empty directory and fails on anything else.
-  if (present(to) && present(from) && emptyDirectory(to))
+  else if (emptyDirectory(to))
     findings.add(kPlaceDirectory, FindingKind::kHazard,
                  "target exists and is empty, the move replaces it: " + to.string());
-  else if (present(to) && present(from))
+  else if (present(to))
     findings.add(kPlaceDirectory, FindingKind::kFailure,
                  "target exists, the move fails: " + to.string());
 }
@@ -462,13 +463,11 @@ CheckReport checkName(const std::string& name) {
   const bool disagree = presence.interrupted ||
                         (anywhere && (!presence.virtualDomains || !presence.directory));
   if (disagree) {
-    std::string where;
-    for (const std::string& place : presence.foundIn) where += (where.empty() ? "" : ", ") + place;
-    std::string missing;
-    for (const std::string& place : presence.missingFrom)
-      missing += (missing.empty() ? "" : ", ") + place;
-    report.verdict = "the places disagree (found in: " + (where.empty() ? "none" : where) +
-                     "; missing from: " + (missing.empty() ? "none" : missing) + ")";
+    const auto listed = [](const std::vector<std::string>& places) {
+      return places.empty() ? std::string("none") : boost::algorithm::join(places, ", ");
+    };
+    report.verdict = "the places disagree (found in: " + listed(presence.foundIn) +
+                     "; missing from: " + listed(presence.missingFrom) + ")";
     report.recovery = recoveryCommand(name, presence, domainKeys);
   } else if (findings.failures() > 0) {
     report.verdict = "some places cannot be read";

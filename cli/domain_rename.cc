@@ -11,6 +11,7 @@
 #include "common/errors.h"
 #include "common/file_util.h"
 #include "common/idn.h"
+#include "common/syscall.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
@@ -37,10 +38,8 @@ constexpr int kExitUnspecified = 2;
 std::string demangledTypeName(const std::exception& e) {
   const char* mangled = typeid(e).name();
   int status = -1;
-  char* name = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
-  std::string result = status == 0 && name != nullptr ? name : mangled;
-  std::free(name);
-  return result;
+  const UniqueCString name(abi::__cxa_demangle(mangled, nullptr, nullptr, &status));
+  return status == 0 && name ? name.get() : mangled;
 }
 
 void checkArguments(int& argc, char**& argv) {

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "common/descriptors.h"
 #include "common/errors.h"
@@ -23,12 +24,6 @@ namespace zanth {
 namespace process {
 
 namespace {
-
-UniqueFd take(int& fd) {
-  UniqueFd owned(fd);
-  fd = -1;
-  return owned;
-}
 
 // Descriptor set for select() with room for 16384 descriptors; fd_set
 // itself stops at 1024 and its macros abort beyond that.
@@ -245,13 +240,13 @@ void Pipe::launch(ProcessSetCatcher& catcher, const sigset_t& callerMask,
     checkChildReport(state);
 
     closeOrThrow(previous, "close");
-    if (i == 0) streams.input = take(state.stdinFd);
+    if (i == 0) streams.input = std::move(state.stdinFd);
     if (last)
-      streams.output = take(state.stdoutFd);
+      streams.output = std::move(state.stdoutFd);
     else
-      previous = take(state.stdoutFd);
-    if (state.stderrFd >= 0)
-      streams.errors.push_back(CapturedError{take(state.stderrFd), &spec.stderrConsumer});
+      previous = std::move(state.stdoutFd);
+    if (state.stderrFd.get() >= 0)
+      streams.errors.push_back(CapturedError{std::move(state.stderrFd), &spec.stderrConsumer});
   }
 }
 

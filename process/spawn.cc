@@ -34,18 +34,11 @@ const char kMessageTag[] = "EM: ";
 const char kCodeTag[] = "EC: ";
 constexpr size_t kTagLength = 4;
 
-void closeQuietly(int& fd) {
-  if (fd < 0) return;
-  const ErrnoSaver keep;
-  ::close(fd);
-  fd = -1;
-}
-
 // Resolves one stream setting of a spawn. Returns the descriptor the child
 // should get (-1: inherit); a descriptor made here goes to `owned`, and for
 // a pipe the parent's end goes to `parentEnd`.
 int prepareStream(int setting, bool childReads, const char* name, UniqueFd& owned,
-                  int& parentEnd) {
+                  UniqueFd& parentEnd) {
   const std::string stream(name);
   switch (setting) {
     case kStreamInherit:
@@ -62,7 +55,7 @@ int prepareStream(int setting, bool childReads, const char* name, UniqueFd& owne
       if (retryEintr([&] { return ::pipe2(fds, O_CLOEXEC); }) == -1)
         throw SystemError(stream + " pipe");
       owned.reset(childReads ? fds[0] : fds[1]);
-      parentEnd = childReads ? fds[1] : fds[0];
+      parentEnd.reset(childReads ? fds[1] : fds[0]);
       return owned.get();
     }
     default:
@@ -95,12 +88,13 @@ struct ChildPlan {
 // them here would repeat the parent's pending output into the child's.
 [[noreturn]] void runChild(const SpawnState& state, const ChildPlan& plan) {
   static const char* const kDup2[3] = {"stdin dup2", "stdout dup2", "stderr dup2"};
-  const int control = state.controlWrite;
+  const int control = state.controlWrite.get();
   try {
     if (retryEintr([&] { return ::fcntl(control, F_SETFD, FD_CLOEXEC); }) == -1)
       throw SystemError("control pipe close-on-exec fcntl");
-    for (int fd : {state.stdinFd, state.stdoutFd, state.stderrFd, state.controlRead})
-      if (fd >= 0) ::close(fd);
+    for (const UniqueFd* fd :
+         {&state.stdinFd, &state.stdoutFd, &state.stderrFd, &state.controlRead})
+      if (fd->get() >= 0) ::close(fd->get());
 
     for (int target = 0; target < 3; ++target) {
       int fd = plan.chosen[target];
@@ -171,21 +165,13 @@ std::string stepOf(const std::string& what, int code) {
 
 }  // namespace
 
-SpawnState::~SpawnState() {
-  for (int* fd : {&stdinFd, &stdoutFd, &stderrFd, &controlRead, &controlWrite})
-    closeQuietly(*fd);
-}
-
 void spawnProcess(SpawnState& state, const std::vector<std::string>& arguments,
                   const std::string& program, const char* workingDirectory,
                   char* const* environment, bool closeDescriptors,
                   bool searchPath, bool newSession,
                   const boost::function<void()>& preExec, int stdinSetting,
                   int stdoutSetting, int stderrSetting) {
-  state.pid = -1;
-  for (int* fd : {&state.stdinFd, &state.stdoutFd, &state.stderrFd, &state.controlRead,
-                  &state.controlWrite})
-    closeQuietly(*fd);
+  state = SpawnState();
 
   ChildPlan plan{};
   UniqueFd owned[3];
@@ -196,8 +182,8 @@ void spawnProcess(SpawnState& state, const std::vector<std::string>& arguments,
 
   int control[2];
   if (retryEintr([&] { return ::pipe2(control, O_CLOEXEC); }) == -1) throw SystemError("pipe");
-  state.controlRead = control[0];
-  state.controlWrite = control[1];
+  state.controlRead.reset(control[0]);
+  state.controlWrite.reset(control[1]);
 
   // Built before fork so the child only has to exec.
   std::vector<char*> argv;
@@ -226,12 +212,12 @@ void checkChildReport(SpawnState& state) {
   std::string data;
   char block[kControlBlock];
   for (;;) {
-    ssize_t n = retryEintr([&] { return ::read(state.controlRead, block, sizeof block); });
+    ssize_t n = retryEintr([&] { return ::read(state.controlRead.get(), block, sizeof block); });
     if (n < 0) throw SystemError("control pipe read");
     if (n == 0) break;
     data.append(block, static_cast<size_t>(n));
   }
-  closeQuietly(state.controlRead);
+  state.controlRead.reset();
   raiseChildReport(data);
 }
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "common/syscall.h"
+
 namespace zanth {
 namespace process {
 
@@ -26,21 +28,16 @@ constexpr int kChildExitUnknown = 65;
 constexpr int kChildExitException = 66;
 constexpr int kChildExitSystemError = 67;
 
-// Descriptors of one spawn. Holds the parent's ends of the stream pipes that
-// were asked for and the control pipe; -1 marks a closed or unused one.
-// Whatever is still held is closed on destruction.
+// Descriptors of one spawn: the parent's ends of the stream pipes that were
+// asked for and the control pipe; an unused one holds nothing. Whatever is
+// still held is closed on destruction.
 struct SpawnState {
-  SpawnState() = default;
-  ~SpawnState();
-  SpawnState(const SpawnState&) = delete;
-  SpawnState& operator=(const SpawnState&) = delete;
-
   pid_t pid = -1;
-  int stdinFd = -1;   // write end feeding the child's standard input
-  int stdoutFd = -1;  // read end of the child's standard output
-  int stderrFd = -1;  // read end of the child's standard error
-  int controlRead = -1;
-  int controlWrite = -1;  // the child's end; closed in the parent after fork
+  UniqueFd stdinFd;   // write end feeding the child's standard input
+  UniqueFd stdoutFd;  // read end of the child's standard output
+  UniqueFd stderrFd;  // read end of the child's standard error
+  UniqueFd controlRead;
+  UniqueFd controlWrite;  // the child's end; closed in the parent after fork
 };
 
 // Forks one child wired as the settings say and execs the program in it
