@@ -29,15 +29,15 @@
 #include <string>
 #include <vector>
 
+#include "common/fixed_paths.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_users.h"
 #include "mail/handlers/handler_actions.h"
 
 namespace {
 
-constexpr const char* kInfoRoot = "/opt/orb/handlers/info";
-constexpr const char* kQueueRoot = "/opt/orb/handlers";
-constexpr const char* kMapDir = "/var/spool/postfix/zanth";
+constexpr const char* kMapDir = zanth::paths::kMapDir;
+constexpr const char* kMailNames = zanth::paths::kMailNamesDir;
 constexpr const char* kOld = "a.example";
 constexpr const char* kNew = "b.example";
 constexpr const char* kLookAlikes[] = {"a.example.org", "xa.example"};
@@ -143,13 +143,13 @@ struct Handler {
 // Every stored handler, read straight from the files.
 std::vector<Handler> readStore() {
   std::vector<Handler> all;
-  DIR* dir = opendir(kInfoRoot);
-  if (dir == nullptr) die(kInfoRoot);
+  DIR* dir = opendir(kHandlersInfoRoot);
+  if (dir == nullptr) die(kHandlersInfoRoot);
   while (const dirent* e = readdir(dir)) {
     if (e->d_name[0] == '.') continue;
     Handler h;
     h.name = e->d_name;
-    const std::string base = std::string(kInfoRoot) + "/" + h.name + "/";
+    const std::string base = std::string(kHandlersInfoRoot) + "/" + h.name + "/";
     if (!readLine(base + "hook", &h.hook) || !readLine(base + "handler-type", &h.type) ||
         (h.type != "global" && !readLine(base + h.type, &h.value)))
       die("reading handler " + h.name);
@@ -160,7 +160,7 @@ std::vector<Handler> readStore() {
 }
 
 bool switchedOn(const Handler& h) {
-  std::string queue = std::string(kQueueRoot) + "/" + h.hook + "/" + h.type;
+  std::string queue = std::string(kHandlersQueueRoot) + "/" + h.hook + "/" + h.type;
   if (h.type != "global") queue += "/" + h.value;
   return access((queue + "/" + h.name).c_str(), F_OK) == 0;
 }
@@ -181,10 +181,9 @@ void addHandler(const char* type, const std::string& target, int k) {
 }
 
 Store buildStore(int size) {
-  mustSucceed(run({"/bin/sh", "-c", std::string("rm -rf ") + kQueueRoot + " && mkdir -p " +
-                                        kInfoRoot},
-                  nullptr),
-              "emptying the store");
+  const std::string empty =
+      std::string("rm -rf ") + kHandlersQueueRoot + " && mkdir -p " + kHandlersInfoRoot;
+  mustSucceed(run({"/bin/sh", "-c", empty}, nullptr), "emptying the store");
   Store store;
   store.size = size;
   const char* kAddressTypes[] = {"recipient", "sender"};
@@ -255,8 +254,8 @@ void validate(const Store& store, const std::string& from, const std::string& to
 Times timeFloor() {
   const auto start = std::chrono::steady_clock::now();
   const double cpuStart = cpuSeconds();
-  DIR* dir = opendir(kInfoRoot);
-  if (dir == nullptr) die(kInfoRoot);
+  DIR* dir = opendir(kHandlersInfoRoot);
+  if (dir == nullptr) die(kHandlersInfoRoot);
   char path[4096], type[512], value[512];
   long bytes = 0;
   auto readFile = [&](char* buf) {
@@ -270,9 +269,9 @@ Times timeFloor() {
   };
   while (const dirent* e = readdir(dir)) {
     if (e->d_name[0] == '.') continue;
-    std::snprintf(path, sizeof path, "%s/%s/handler-type", kInfoRoot, e->d_name);
+    std::snprintf(path, sizeof path, "%s/%s/handler-type", kHandlersInfoRoot, e->d_name);
     readFile(type);
-    std::snprintf(path, sizeof path, "%s/%s/%s", kInfoRoot, e->d_name, type);
+    std::snprintf(path, sizeof path, "%s/%s/%s", kHandlersInfoRoot, e->d_name, type);
     readFile(value);
   }
   closedir(dir);
@@ -307,8 +306,9 @@ void prepareTool() {
       std::string("cd ") + kMapDir + " && printf '" + kOld + "\\tVIRTUAL\\n' > virtual_domains" +
       " && printf 'user1@" + kOld + "\\tuser1@" + kOld + "\\n' > virtual" + " && printf 'user1@" +
       kOld + "\\t" + kOld + "/user1/\\n' > vmailbox" +
-      " && for m in virtual_domains virtual vmailbox; do /usr/sbin/postmap hash:$m && rm $m; done" +
-      " && rm -rf /var/qmail/mailnames/* && mkdir -p /var/qmail/mailnames/" + kOld + "/user1";
+      " && for m in virtual_domains virtual vmailbox; do " + zanth::paths::kPostmapProgram +
+      " hash:$m && rm $m; done && rm -rf " + kMailNames + "/* && mkdir -p " + kMailNames + "/" +
+      kOld + "/user1";
   mustSucceed(run({"/bin/sh", "-c", script}, nullptr), "preparing the maps");
   if (mail_auth_init(kMailStylePostfix) != 0 ||
       mail_auth_add_user("user1", kOld, "secret", 0) != 0)

@@ -11,27 +11,27 @@
 
 #include <unistd.h>
 
+#include "common/syscall.h"
+
 namespace fuzz {
 
 // An open FILE reading a copy of the input, for parsers that read a file
 // or a child's output; null for an empty input, which fmemopen refuses.
-class MemoryFile {
+class MemoryFile final {
  public:
   MemoryFile(const uint8_t* data, size_t size)
       : text_(reinterpret_cast<const char*>(data), size),
         file_(size == 0 ? nullptr : fmemopen(&text_[0], text_.size(), "r")) {}
-  ~MemoryFile() {
-    if (file_ != nullptr) std::fclose(file_);
-  }
+  // The FILE reads text_ in place: neither may move without the other.
   MemoryFile(const MemoryFile&) = delete;
   MemoryFile& operator=(const MemoryFile&) = delete;
 
-  FILE* get() const { return file_; }
+  FILE* get() const { return file_.get(); }
   const std::string& text() const { return text_; }
 
  private:
   std::string text_;
-  FILE* file_;
+  zanth::UniqueFile file_;
 };
 
 // Reports a property that does not hold and aborts.

@@ -14,8 +14,6 @@ extern const char* const kVmailboxMap;
 
 // dumpMap - the records as sorted "key value" lines.
 std::vector<std::string> dumpMap(const std::string& spec);
-// queryMap - the value of key, "" when not found.
-std::string queryMap(const std::string& spec, const std::string& key);
 
 // The three maps (a.example, subdomain mail.a.example, look-alike xa.example,
 // c.example), mail directories and users a.example/info (one message) and
