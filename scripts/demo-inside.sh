@@ -40,7 +40,6 @@ run() {
   rm -f "$out" "$err"
 }
 
-# --- domain check ---
 # check ARGS...: runs mxkeep_domain_check, showing its report and status.
 check() {
   printf '$ mxkeep_domain_check'
@@ -49,7 +48,6 @@ check() {
   /usr/sbin/mxkeep_domain_check "$@" | sed 's/^/  | /'
   printf '  [exit status %d]\n' "${PIPESTATUS[0]}"
 }
-# --- end of domain check ---
 
 map() {  # map NAME "key value" ...: writes a map source and compiles it
   local name=$1; shift
@@ -134,11 +132,9 @@ run --help x
 run -- -a b
 run '' new.example
 
-# --- domain check ---
 banner "Looking before the rename: what it would change, and its hazards"
 check example.org bücher.example
 check --json example.org bücher.example
-# --- end of domain check ---
 
 banner "Renaming example.org to bücher.example"
 run example.org bücher.example
@@ -157,23 +153,18 @@ deliver after-old info@example.org
 echo "(the files are the bounce notice, in the sender's Maildir and, through the"
 echo " virtual map's copy of boss's mail to info, in info's)"
 
-# --- domain check ---
 banner "Looking after the rename: every place under the new name"
 check bücher.example
 check example.org
-# --- end of domain check ---
 
 banner "A rename that fails late: the new name is taken in the authentication database"
 sqlite3 "$authdb" "INSERT INTO domains (name) VALUES ('shop.example');"
-# --- domain check ---
 check bücher.example shop.example
-# --- end of domain check ---
 run bücher.example shop.example
 echo "(maps stay under the new name, the mail directory is back under the old one,"
 echo " the authentication database is unchanged: the tool's documented end state)"
 show_state
 
-# --- domain check ---
 banner "Looking after the failed rename: where each name lives, and the way out"
 check shop.example
 check bücher.example
@@ -182,4 +173,3 @@ echo " brings every place under one name)"
 sqlite3 "$authdb" "DELETE FROM domains WHERE name = 'shop.example';"
 run xn--bcher-kva.example shop.example
 check shop.example
-# --- end of domain check ---
