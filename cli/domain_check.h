@@ -1,23 +1,14 @@
 // The mxkeep_domain_check command: a read-only look at every place a domain
 // rename touches. With two names, what the rename would do there and the
-// hazards it would meet; with one, where that name lives now and how to
-// bring every place under one name. Writes nothing and holds no lock but
-// for an instant; findings go to standard output as text or JSON.
+// hazards it would meet (rename_prediction.h); with one, where that name
+// lives now and how to bring every place under one name (name_locator.h).
+// Writes nothing and holds no lock but for an instant; findings go to
+// standard output as text or JSON.
 #ifndef MXKEEP_CLI_DOMAIN_CHECK_H
 #define MXKEEP_CLI_DOMAIN_CHECK_H
 
-#include <string>
-
-#include "cli/check_report.h"
-
 namespace zanth {
 namespace cli {
-
-// checkRename - what renaming oldName to newName (ASCII) would do.
-CheckReport checkRename(const std::string& oldName, const std::string& newName);
-
-// checkName - where name (ASCII) lives now, and whether the places agree.
-CheckReport checkName(const std::string& name);
 
 // Process entry; returns the exit status.
 int domainCheckMain(int argc, char** argv);

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <initializer_list>
+#include <string>
 
 #include "common/syscall.h"
 
@@ -23,4 +24,37 @@ void mail_log_default(int priority, const char* format, ...) {
     std::fputc('\n', stream);
     std::fflush(stream);
   }
+}
+
+namespace {
+
+// What mail_log said while a MailLogCapture lives, "; "-joined.
+std::string g_captured;
+
+void captureMessage(int, const char* format, ...) {
+  char text[4096];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  std::string message(text);
+  while (!message.empty() && message.back() == '\n') message.pop_back();
+  if (message.empty()) return;
+  if (!g_captured.empty()) g_captured += "; ";
+  g_captured += message;
+}
+
+}  // namespace
+
+MailLogCapture::MailLogCapture() : saved_(mail_log) {
+  g_captured.clear();
+  mail_log = captureMessage;
+}
+
+MailLogCapture::~MailLogCapture() { mail_log = saved_; }
+
+std::string MailLogCapture::take() {
+  std::string text;
+  text.swap(g_captured);
+  return text;
 }
