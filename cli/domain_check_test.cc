@@ -155,6 +155,12 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
       {"in no map", "mkdir -p " + kMailNames + "d.example/x", 0, false, "", "", "", "d.example",
        "e.example"},
       {"no mail directory", "rm -r " + kMailNames + "a.example", 1, true, ""},
+      // Left so by a rename that stopped after its move: the rename takes
+      // the move as done, and so must the check.
+      {"directory already moved", "mv " + kMailNames + "a.example " + kMailNames + "b.example", 3,
+       false,
+       "mail_directory: info: already under the new name, the rename takes the move as done: "
+       "/var/qmail/mailnames/b.example"},
       {"broken map", "rm " + vmailbox + ".db", 1, true, ""},
       {"old name not in the database", sql + "DELETE FROM domains WHERE name='a.example'\"", 3,
        false, ""},

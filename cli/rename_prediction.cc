@@ -67,6 +67,11 @@ void checkDirectory(Findings& findings, const std::string& oldName, const std::s
   }
   const auto from = pf::domainDirectory(oldName);
   const auto to = pf::domainDirectory(newName);
+  if (pf::domainDirectoryMoved(oldName, newName)) {
+    findings.add(kPlaceDirectory, FindingKind::kInfo,
+                 "already under the new name, the rename takes the move as done: " + to.string());
+    return;
+  }
   findings.change(kPlaceDirectory, "move", from.string(), to.string());
   // rename(2) replaces an empty directory and fails on anything else.
   if (!present(from))

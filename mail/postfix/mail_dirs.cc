@@ -106,6 +106,10 @@ bool moveAside(const fs::path& path, fs::path& saved) {
   return true;
 }
 
+bool domainDirectoryMoved(const std::string& oldDomain, const std::string& newDomain) {
+  return !fs::exists(domainDirectory(oldDomain)) && fs::is_directory(domainDirectory(newDomain));
+}
+
 void renameDomainDirectory(const PopUser&, const std::string& oldDomain,
                            const std::string& newDomain) {
   fs::rename(domainDirectory(oldDomain), domainDirectory(newDomain));

@@ -42,6 +42,11 @@ boost::filesystem::path mailboxDirectory(const std::string& domain, const std::s
 // begin with it ("domain/mailbox/").
 boost::filesystem::path relativeDomainPath(const std::string& domain);
 
+// domainDirectoryMoved - true when oldDomain's directory is gone and
+// newDomain's is a directory: what a rename that stopped after its move
+// leaves, and what the same rename run again takes as moved.
+bool domainDirectoryMoved(const std::string& oldDomain, const std::string& newDomain);
+
 // renameDomainDirectory - renames oldDomain's directory to newDomain's;
 // nothing else is checked or changed.
 void renameDomainDirectory(const PopUser& popUser, const std::string& oldDomain,

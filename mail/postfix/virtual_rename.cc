@@ -4,7 +4,6 @@
 // see renameDomain in the header for the outcome during the command's undo.
 #include "mail/postfix/virtual_rename.h"
 
-#include <boost/filesystem/operations.hpp>
 #include <ostream>
 
 #include "common/errors.h"
@@ -34,8 +33,6 @@ void writeCriticalRestoreMessage(const char* object) {
 }
 
 namespace {
-
-namespace fs = boost::filesystem;
 
 // undoWhileUnwinding - runs undo only while an exception is in flight; a
 // failing undo must not replace that exception (nor end the process from
@@ -103,10 +100,9 @@ void renameDomain(const std::string& oldName, const std::string& newName) {
   renameIn<VirtualMap::kVmailbox>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVmailbox>> vmailboxGuard(oldName, newName);
   process::checkTermination();
-  // A directory already under the new name while the old one is gone is
-  // the work of an earlier run that died after this point: the same rename
+  // The work of an earlier run that died after this point: the same rename
   // run again must complete, not fail on its own earlier success.
-  if (!fs::exists(domainDirectory(oldName)) && fs::is_directory(domainDirectory(newName))) return;
+  if (domainDirectoryMoved(oldName, newName)) return;
   renameDomainDirectory(getPopUser(), oldName, newName);
 }
 
