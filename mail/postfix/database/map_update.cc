@@ -5,11 +5,8 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/bind/bind.hpp>
-#include <boost/ref.hpp>
 
 #include <cerrno>
 #include <cstring>
@@ -18,6 +15,7 @@
 #include "common/descriptors.h"
 #include "common/syscall.h"
 #include "mail/postfix/errors.h"
+#include "mail/postfix/postfix_programs.h"
 #include "process/pipe.h"
 
 namespace zanth {
@@ -113,29 +111,13 @@ namespace postfix {
 namespace database {
 namespace {
 
-constexpr const char* kUnknownError = "unknown error";
-
-void appendBlock(std::string& text, const std::vector<char>& block) {
-  text.append(block.begin(), block.end());
-}
-
-bool exitedWithZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
-
 // runPostmap - runs postmap with one or two arguments (an empty second one
-// ends the list), its standard output to consumer when there is one. Throws
-// PostfixConfigurationError with what it wrote to standard error.
+// ends the list), its standard output to consumer when there is one.
 void runPostmap(const std::string& firstArgument, const std::string& secondArgument,
                 const process::BlockConsumer* consumer) {
-  std::string errors;
-  process::ProcessSpec child(kPostmapPath, firstArgument, secondArgument);
-  child.stderrSetting = process::kStreamPipe;
-  child.stderrConsumer = boost::bind(&appendBlock, boost::ref(errors), boost::placeholders::_1);
-  process::Pipe pipe;
-  if (consumer != nullptr) pipe.setOutput(process::kStreamPipe, *consumer);
-  pipe.addProcess(child);
-  const int status = pipe.run();
-  if (!exitedWithZero(status))
-    throw PostfixConfigurationError(errors.empty() ? kUnknownError : errors);
+  std::vector<std::string> argv{kPostmapPath, firstArgument};
+  if (!secondArgument.empty()) argv.push_back(secondArgument);
+  runPostfixProgram(argv, consumer);
 }
 
 // Hands each line to a visitor and keeps none.
