@@ -81,6 +81,10 @@ std::string domainRow(const std::string& name, long users) {
   return "domain " + name + " (" + std::to_string(users) + (users == 1 ? " user)" : " users)");
 }
 
+std::string heldBy(const pf::HoldRecord& record) {
+  return "a stopped rename of " + record.oldName + " to " + record.newName;
+}
+
 bool handlersAimedAt(Findings& findings, const std::string& target, const std::string& newTarget,
                      std::vector<HandlerMove>* moves) {
   MailLogCapture log;

@@ -12,6 +12,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "cli/check_report.h"
+#include "mail/postfix/delivery_hold.h"
 #include "mail/postfix/virtual_rename.h"
 
 namespace zanth {
@@ -23,6 +24,7 @@ constexpr char kPlaceAuth[] = "auth_database";
 constexpr char kPlacePlugins[] = "plugins";
 constexpr char kPlaceHandlers[] = "handlers";
 constexpr char kPlaceRefresh[] = "handlers_refresh";
+constexpr char kPlaceDelivery[] = "delivery";
 
 // The command that completes a rename, as a recovery line names it.
 constexpr char kRenameCommand[] = "mxkeep_domain_rename";
@@ -67,6 +69,9 @@ int lookUpDomain(Findings& findings, const std::string& name, long* users);
 
 // domainRow - "domain NAME (N users)", as findings show a row.
 std::string domainRow(const std::string& name, long users);
+
+// heldBy - how a finding names the rename a delivery hold was left by.
+std::string heldBy(const mail::postfix::HoldRecord& record);
 
 // A handler aimed at a name (or an address in it): its name, its target,
 // and the target it moves to.

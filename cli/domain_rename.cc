@@ -16,6 +16,7 @@
 #include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
 #include "mail/plugins/plugin_runner.h"
+#include "mail/postfix/delivery_hold.h"
 #include "mail/postfix/errors.h"
 #include "mail/postfix/virtual_rename.h"
 #include "process/termination.h"
@@ -44,8 +45,7 @@ std::string demangledTypeName(const std::exception& e) {
 
 void checkArguments(int& argc, char**& argv) {
   if (argc < 3) usage(kExitFailure, "Not enough arguments");
-  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)
-    usage(kExitOk, "");
+  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) usage(kExitOk, "");
   if (std::strcmp(argv[1], "--") == 0) {
     ++argv;
     --argc;
@@ -54,8 +54,7 @@ void checkArguments(int& argc, char**& argv) {
   if (argv[1][0] == '\0') usage(kExitFailure, "Empty old domain name");
   if (argv[2][0] == '\0') usage(kExitFailure, "Empty new domain name");
   for (int i = 1; i <= 2; ++i)
-    if (argv[i][0] == '-')
-      usage(kExitFailure, std::string("Invalid argument '") + argv[i] + "'");
+    if (argv[i][0] == '-') usage(kExitFailure, std::string("Invalid argument '") + argv[i] + "'");
 }
 
 }  // namespace
@@ -65,16 +64,17 @@ void reportFatal(const std::exception& e) {
   if (const Traceback* tb = dynamic_cast<const Traceback*>(&e)) errorStream << *tb;
 }
 
-void renameDomain(std::string& oldName, std::string& newName) {
-  oldName = idn::toAscii(oldName);
-  newName = idn::toAscii(newName);
-  process::checkTermination();
+namespace {
 
+// renameSteps - every step of the rename in its order, the Postfix step
+// guarded so that a later failure runs it backwards on the way out.
+void renameSteps(const std::string& oldName, const std::string& newName,
+                 mail::postfix::DirectoryHolds holds) {
   // A failure here has been undone by the step itself.
-  mail::postfix::renameDomain(oldName, newName);
+  mail::postfix::renameDomain(oldName, newName, holds);
   // From here on a failure runs the Postfix step backwards on the way out
   // (see PostfixRenameGuard for what that leaves behind).
-  mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName);
+  mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName, holds);
   // Each step ends by asking for a termination signal held meanwhile: the
   // rename then fails there, as if that step had failed.
   process::checkTermination();
@@ -95,6 +95,22 @@ void renameDomain(std::string& oldName, std::string& newName) {
       handlers_act_on_target(oldName.c_str(), newName.c_str(), kHandlerRename);
   process::checkTermination();
   if (handlerResult != 0) throw mail::postfix::PostfixError("Unable to rename domain handlers");
+}
+
+}  // namespace
+
+void renameDomain(std::string& oldName, std::string& newName) {
+  oldName = idn::toAscii(oldName);
+  newName = idn::toAscii(newName);
+  process::checkTermination();
+
+  // While Postfix delivers, mail waits in its queue instead of bouncing or
+  // landing in a directory of either name until every place has moved
+  // (or moved back); released on every way out.
+  mail::postfix::DeliveryHold hold(oldName, newName);
+  process::checkTermination();
+  renameSteps(oldName, newName, hold.directoryHolds());
+  hold.release();
 }
 
 int domainRenameMain(int argc, char** argv) {

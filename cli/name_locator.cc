@@ -104,9 +104,16 @@ CheckReport checkName(const std::string& name) {
   locateInMaps(findings, name, presence, &domainKeys);
 
   const fs::path directory = pf::domainDirectory(name);
-  presence.directory = present(directory);
-  findings.add(kPlaceDirectory, FindingKind::kInfo,
-               (presence.directory ? "found: " : "not found: ") + directory.string());
+  const bool held = pf::domainDirectoryHeld(name);
+  presence.directory = present(directory) && !held;
+  if (held)
+    findings.add(kPlaceDirectory, FindingKind::kInfo,
+                 "held: " + directory.string() +
+                     " (mail routed here waits in the queue until a rename moves the mail "
+                     "directory over the hold)");
+  else
+    findings.add(kPlaceDirectory, FindingKind::kInfo,
+                 (presence.directory ? "found: " : "not found: ") + directory.string());
   notePresence(presence, kPlaceDirectory, presence.directory);
 
   mail_auth_select_style(kMailStylePostfix);
@@ -127,24 +134,38 @@ CheckReport checkName(const std::string& name) {
     notePresence(presence, kPlaceHandlers, !handlers.empty());
   }
 
+  pf::HoldRecord hold;
+  const bool holdLeft = pf::holdLeftBehind(&hold);
+  if (holdLeft)
+    findings.add(kPlaceDelivery, FindingKind::kFailure,
+                 "held by " + heldBy(hold) +
+                     ": Postfix defers what it would bounce until the same rename runs again");
+
   CheckReport report;
   report.oldName = name;
   const bool anywhere = !presence.foundIn.empty();
   const bool disagree =
       presence.interrupted || (anywhere && (!presence.virtualDomains || !presence.directory));
-  if (disagree) {
+  // The hold's record names both sides of the rename it was left by.
+  const bool heldRename = holdLeft && (name == hold.oldName || name == hold.newName);
+  const std::string heldRecovery =
+      std::string(kRenameCommand) + " " + hold.oldName + " " + hold.newName;
+  if (holdLeft && !disagree) {
+    report.verdict = "delivery is held by " + heldBy(hold);
+    report.recovery = heldRecovery;
+  } else if (disagree) {
     const auto listed = [](const std::vector<std::string>& places) {
       return places.empty() ? std::string("none") : boost::algorithm::join(places, ", ");
     };
     report.verdict = "the places disagree (found in: " + listed(presence.foundIn) +
                      "; missing from: " + listed(presence.missingFrom) + ")";
-    report.recovery = recoveryCommand(name, presence, domainKeys);
+    report.recovery = heldRename ? heldRecovery : recoveryCommand(name, presence, domainKeys);
   } else if (findings.failures() > 0) {
     report.verdict = "some places cannot be read";
   } else {
     report.verdict = anywhere ? "every place agrees" : "the name is in no place";
   }
-  report.status = disagree || findings.failures() > 0 ? kCheckFails : kCheckClean;
+  report.status = disagree || holdLeft || findings.failures() > 0 ? kCheckFails : kCheckClean;
   report.findings = findings.all();
   return report;
 }

@@ -77,6 +77,9 @@ void checkDirectory(Findings& findings, const std::string& oldName, const std::s
   if (!present(from))
     findings.add(kPlaceDirectory, FindingKind::kFailure,
                  "source missing, the rename fails here: " + from.string());
+  else if (pf::domainDirectoryHeld(newName))
+    findings.add(kPlaceDirectory, FindingKind::kInfo,
+                 "held by a stopped rename, the move replaces the hold: " + to.string());
   else if (emptyDirectory(to))
     findings.add(kPlaceDirectory, FindingKind::kHazard,
                  "target exists and is empty, the move replaces it: " + to.string());
@@ -155,8 +158,22 @@ std::string plural(int n, const char* word) {
 
 }  // namespace
 
+// checkDelivery - what the rename does to mail delivery: only while
+// Postfix runs, or a hold was left behind, is there anything to tell.
+void checkDelivery(Findings& findings) {
+  pf::HoldRecord hold;
+  if (pf::holdLeftBehind(&hold))
+    findings.add(kPlaceDelivery, FindingKind::kHazard,
+                 "held by " + heldBy(hold) + ", the rename releases the hold at its end");
+  else if (pf::postfixRunning())
+    findings.add(kPlaceDelivery, FindingKind::kInfo,
+                 "Postfix runs: mail to be bounced or delivered meanwhile waits in the queue "
+                 "until the rename ends");
+}
+
 CheckReport checkRename(const std::string& oldName, const std::string& newName) {
   Findings findings;
+  checkDelivery(findings);
   checkMaps(findings, oldName, newName);
   checkDirectory(findings, oldName, newName);
   checkAuthDb(findings, oldName, newName);

@@ -46,7 +46,7 @@ expect "rename exit status" "$?" 0
 expect "installed example plugin ran" "$(tr '\n' ' ' < /var/lib/zanth/mail/local_domains)" \
   "xn--bcher-kva.example other.example "
 
-mail_flow_reload || exit 1
+# No reload here: the tool has Postfix answer from the renamed maps at once.
 mail_flow_send after-new boss@other.example info@xn--bcher-kva.example
 status=$(mail_flow_wait after-new) || exit 1
 expect "delivered to the new name" "${status##*status=}" "sent (delivered to maildir)"

@@ -1,8 +1,10 @@
 // Mail directories under the mail-names root: paths, owners, modes, and the
-// create / rename / move-aside / remove operations. The process umask is
-// narrowed to 077 while directories are made and always put back.
+// create / rename / move-aside / remove operations, and the directory holds
+// kept while Postfix delivers. The process umask is narrowed to 077 while
+// directories are made and always put back.
 #include "mail/postfix/mail_dirs.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +14,7 @@
 #include <boost/system/error_code.hpp>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "common/errors.h"
 #include "common/orb_conf.h"
@@ -28,7 +31,10 @@ constexpr mode_t kCreateUmask = 077;
 constexpr mode_t kDomainDirectoryMode = 0750;
 constexpr mode_t kMailboxDirectoryMode = 0700;
 constexpr uid_t kRootUid = 0;
+constexpr gid_t kRootGid = 0;
+constexpr mode_t kHoldMode = 0;
 constexpr const char* kSavedInfix = ".ZanthSaved.";
+constexpr const char* kHoldInfix = ".ZanthHold.";
 
 // The mailbox layout, made in this order inside a new mailbox directory.
 constexpr const char* kMailboxLayout[] = {"Maildir", "Maildir/tmp", "Maildir/new", "Maildir/cur",
@@ -107,12 +113,58 @@ bool moveAside(const fs::path& path, fs::path& saved) {
 }
 
 bool domainDirectoryMoved(const std::string& oldDomain, const std::string& newDomain) {
-  return !fs::exists(domainDirectory(oldDomain)) && fs::is_directory(domainDirectory(newDomain));
+  return (!fs::exists(domainDirectory(oldDomain)) || domainDirectoryHeld(oldDomain)) &&
+         fs::is_directory(domainDirectory(newDomain)) && !domainDirectoryHeld(newDomain);
+}
+
+bool domainDirectoryHeld(const std::string& domain) {
+  const fs::path dir = domainDirectory(domain);
+  struct stat st;
+  if (retryEintr([&] { return ::lstat(dir.c_str(), &st); }) != 0) return false;
+  boost::system::error_code error;
+  return S_ISDIR(st.st_mode) && st.st_uid == kRootUid && (st.st_mode & 07777) == 0 &&
+         fs::is_empty(dir, error) && !error;
+}
+
+void holdDomainDirectory(const std::string& domain) {
+  if (domainDirectoryHeld(domain)) return;
+  const fs::path dir = domainDirectory(domain);
+  // Made under another name and renamed into place: rename(2) puts it there
+  // in one step, replacing an empty directory, and refuses one with content.
+  const fs::path made(dir.string() + kHoldInfix + boost::lexical_cast<std::string>(::getpid()));
+  ::rmdir(made.c_str());  // left by a run that was killed right here
+  if (::mkdir(made.c_str(), kHoldMode) != 0) throwFilesystemError("mkdir", made, errno);
+  if (::lchown(made.c_str(), kRootUid, kRootGid) != 0 || ::chmod(made.c_str(), kHoldMode) != 0 ||
+      ::rename(made.c_str(), dir.c_str()) != 0) {
+    const int code = errno;
+    ::rmdir(made.c_str());
+    if (code == ENOTEMPTY || code == EEXIST) return;
+    throwFilesystemError("rename", dir, code);
+  }
+}
+
+void releaseDomainDirectory(const std::string& domain) {
+  if (!domainDirectoryHeld(domain)) return;
+  const fs::path dir = domainDirectory(domain);
+  if (::rmdir(dir.c_str()) != 0 && errno != ENOENT) throwFilesystemError("rmdir", dir, errno);
 }
 
 void renameDomainDirectory(const PopUser&, const std::string& oldDomain,
                            const std::string& newDomain) {
-  fs::rename(domainDirectory(oldDomain), domainDirectory(newDomain));
+  const fs::path from = domainDirectory(oldDomain);
+  const fs::path to = domainDirectory(newDomain);
+  if (!domainDirectoryHeld(newDomain)) {
+    fs::rename(from, to);
+    return;
+  }
+  // No moment without a directory in either place, so no delivery can
+  // make one of the old name after the move.
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) return;
+  if (errno != EINVAL) throwFilesystemError("rename", from, errno);
+  // A file system without the exchange: move over the hold, then hold the
+  // old place again at once.
+  fs::rename(from, to);
+  holdDomainDirectory(oldDomain);
 }
 
 void createDomainDirectory(const PopUser& popUser, const std::string& domain) {
@@ -163,13 +215,11 @@ void createMailboxDirectory(const PopUser& popUser, const std::string& domain,
   }
 }
 
-void removeMailboxDirectory(const PopUser&, const std::string& domain,
-                            const std::string& mailbox) {
+void removeMailboxDirectory(const PopUser&, const std::string& domain, const std::string& mailbox) {
   fs::remove_all(mailboxDirectory(domain, mailbox));
 }
 
-void saveMailboxDirectory(const PopUser&, const std::string& domain,
-                          const std::string& mailbox) {
+void saveMailboxDirectory(const PopUser&, const std::string& domain, const std::string& mailbox) {
   saveDirectory(mailboxDirectory(domain, mailbox));
 }
 

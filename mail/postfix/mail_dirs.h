@@ -42,13 +42,31 @@ boost::filesystem::path mailboxDirectory(const std::string& domain, const std::s
 // begin with it ("domain/mailbox/").
 boost::filesystem::path relativeDomainPath(const std::string& domain);
 
-// domainDirectoryMoved - true when oldDomain's directory is gone and
-// newDomain's is a directory: what a rename that stopped after its move
-// leaves, and what the same rename run again takes as moved.
+// domainDirectoryMoved - true when oldDomain's directory is gone (or a
+// hold) and newDomain's is a real directory: what a rename that stopped
+// after its move leaves, and what the same rename run again takes as moved.
 bool domainDirectoryMoved(const std::string& oldDomain, const std::string& newDomain);
 
+// A directory hold: an empty directory owned by root with mode 0 in a
+// domain's place under the mail-names root. Postfix's virtual delivery,
+// which runs as popuser, cannot make a mailbox inside it, so mail routed
+// there meanwhile is deferred and retried instead of being delivered into
+// a new directory of that name; a move replaces it atomically.
+
+// holdDomainDirectory - puts a hold in domain's place when nothing or an
+// empty directory is there; a directory with content (or a hold) is left
+// as it is.
+void holdDomainDirectory(const std::string& domain);
+
+// domainDirectoryHeld - a hold is in domain's place.
+bool domainDirectoryHeld(const std::string& domain);
+
+// releaseDomainDirectory - removes the hold in domain's place, if any.
+void releaseDomainDirectory(const std::string& domain);
+
 // renameDomainDirectory - renames oldDomain's directory to newDomain's;
-// nothing else is checked or changed.
+// when a hold is in newDomain's place the two are exchanged in one step,
+// so the hold is then in oldDomain's place. Nothing else is checked.
 void renameDomainDirectory(const PopUser& popUser, const std::string& oldDomain,
                            const std::string& newDomain);
 

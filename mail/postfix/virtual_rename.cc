@@ -88,7 +88,9 @@ const char* virtualMapSpec(VirtualMap map) {
   return kVirtualDomainsMap;  // not reached: every enumerator is handled
 }
 
-void renameDomain(const std::string& oldName, const std::string& newName) {
+void renameDomain(const std::string& oldName, const std::string& newName, DirectoryHolds holds) {
+  if (holds == DirectoryHolds::kOn && !domainDirectoryMoved(oldName, newName))
+    holdDomainDirectory(newName);
   // After each map, once it is guarded, a termination signal held during
   // its rewrite fails the step there (nothing happens while undoing).
   renameIn<VirtualMap::kVirtualDomains>(oldName, newName);
@@ -107,7 +109,7 @@ void renameDomain(const std::string& oldName, const std::string& newName) {
 }
 
 PostfixRenameGuard::~PostfixRenameGuard() {
-  undoWhileUnwinding([this] { renameDomain(newName_, oldName_); });
+  undoWhileUnwinding([this] { renameDomain(newName_, oldName_, holds_); });
 }
 
 }  // namespace postfix

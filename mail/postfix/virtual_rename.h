@@ -64,28 +64,38 @@ extern const char* const kVirtualDomainsDatabase;
 // as one message ended by a line end, to the error stream.
 void writeCriticalRestoreMessage(const char* object);
 
+// Whether a rename keeps a hold in the mail directory's other place while
+// the maps change (see holdDomainDirectory): wanted while Postfix delivers,
+// so that no mail makes a directory of either name meanwhile.
+enum class DirectoryHolds { kOff, kOn };
+
 // renameDomain - renames oldName to newName (ASCII) in the three maps and
-// the mail directory. Throws PostfixConfigurationError or the directory's
-// filesystem_error; what it changed before the failure is put back first.
+// the mail directory. With holds on, newName's place is held before the
+// first map changes, and the move leaves the hold in oldName's place.
+// Throws PostfixConfigurationError or the directory's filesystem_error;
+// what it changed before the failure is put back first.
 //
 // The map guards act whenever an exception is in flight anywhere in the
 // process. Run from a destructor during unwinding (the command's undo), a
 // successful renameDomain(new, old) therefore moves the directory back but
 // leaves the maps under the name they had before it was called.
-void renameDomain(const std::string& oldName, const std::string& newName);
+void renameDomain(const std::string& oldName, const std::string& newName,
+                  DirectoryHolds holds = DirectoryHolds::kOff);
 
 // The command's guard around the whole Postfix step. Create it once
 // renameDomain(oldName, newName) has returned; while an exception is in
-// flight when it is destroyed, it runs renameDomain(newName, oldName),
-// reporting (never throwing) a failure of that run. Holds references.
+// flight when it is destroyed, it runs renameDomain(newName, oldName) with
+// the same holds, reporting (never throwing) a failure of that run. Holds
+// references to the names.
 //
 //   renameDomain(oldName, newName);
 //   PostfixRenameGuard guard(oldName, newName);
 //   ...later steps that may throw...
 class PostfixRenameGuard final {
  public:
-  PostfixRenameGuard(const std::string& oldName, const std::string& newName)
-      : oldName_(oldName), newName_(newName) {}
+  PostfixRenameGuard(const std::string& oldName, const std::string& newName,
+                     DirectoryHolds holds = DirectoryHolds::kOff)
+      : oldName_(oldName), newName_(newName), holds_(holds) {}
   ~PostfixRenameGuard();
   PostfixRenameGuard(const PostfixRenameGuard&) = delete;
   PostfixRenameGuard& operator=(const PostfixRenameGuard&) = delete;
@@ -93,6 +103,7 @@ class PostfixRenameGuard final {
  private:
   const std::string& oldName_;
   const std::string& newName_;
+  const DirectoryHolds holds_;
 };
 
 }  // namespace postfix
