@@ -211,18 +211,23 @@ int maildirsize_open_tmp(char* buffer, size_t size) {
       report_error(0, 0, "host name is too long to be used in filename");
       return -1;
     }
-    struct stat st;
-    if (::stat(buffer, &st) != 0 && errno == ENOENT) {
-      zanth::UniqueFd fd(zanth::retryEintr(
-          [&] { return ::open(buffer, O_WRONLY | O_CREAT | O_CLOEXEC, kMaildirsizeMode); }));
-      if (fd.get() >= 0) {
-        struct stat by_fd, by_name;
-        if (::fstat(fd.get(), &by_fd) == 0 && ::lstat(buffer, &by_name) == 0 &&
-            by_fd.st_dev == by_name.st_dev && by_fd.st_ino == by_name.st_ino &&
-            zanth::retryEintr([&] { return ::ftruncate(fd.get(), 0); }) == 0)
-          return fd.release();
-        lose_tmp(fd, buffer);
-      }
+    // Only a new file is opened: the mail user owns tmp/ and may plant a
+    // link at the name, whose target root would otherwise create. A link
+    // found there is removed (the link, never its target) and the attempt
+    // counted.
+    zanth::UniqueFd fd(zanth::retryEintr([&] {
+      return ::open(buffer, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                    kMaildirsizeMode);
+    }));
+    struct stat by_fd, by_name;
+    if (fd.get() >= 0) {
+      // The name may still be swapped under us before it is renamed.
+      if (::fstat(fd.get(), &by_fd) == 0 && ::lstat(buffer, &by_name) == 0 &&
+          by_fd.st_dev == by_name.st_dev && by_fd.st_ino == by_name.st_ino)
+        return fd.release();
+      lose_tmp(fd, buffer);
+    } else if (errno == EEXIST && ::lstat(buffer, &by_name) == 0 && S_ISLNK(by_name.st_mode)) {
+      ::unlink(buffer);
     }
     sleep_fully(kTmpRetrySeconds);
   }

@@ -187,11 +187,13 @@ TEST_F(Maildirsize, LinksPlantedAtTheTemporaryNameAreRefused) {
       "Maximal allowed number of attempts to create a maildirsize file exceeded\n"
       "System error 11: Resource temporarily unavailable\n",
       r.err);
-  // Each attempt saw that its name was not the file it opened and removed
-  // the name: five links gone, nothing else there.
+  // Each attempt found a link at its name and removed the link: five links
+  // gone, nothing else there.
   EXPECT_EQ("11\n", shell("find " + kMaildir + "/tmp -type l | wc -l").out);
   EXPECT_EQ("", shell("find " + kMaildir + "/tmp -mindepth 1 ! -type l").out);
   EXPECT_FALSE(pathExists(kQuotaFile));
+  // Nothing was made where the links pointed.
+  EXPECT_EQ("", shell("ls -A " + elsewhere.path()).out);
 }
 
 }  // namespace
