@@ -195,9 +195,16 @@ int create_file(const char* path) {
 }
 
 int read_first_line(char* buffer, size_t size, const char* path) {
-  zanth::UniqueFd fd(zanth::retryEintr([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
+  // Neither a link nor anything but a regular file is read: a link may
+  // point anywhere, and a FIFO or a device would block.
+  zanth::UniqueFd fd(zanth::retryEintr(
+      [&] { return open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); }));
   if (fd.get() < 0) {
     report_error(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
+    return -1;
+  }
+  if (!zanth::isRegularFile(fd.get())) {
+    report_error(0, 0, "Unable to open file %s: not a regular file\n", path);
     return -1;
   }
   // The whole first line is read, however long: the white space around it

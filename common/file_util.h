@@ -39,7 +39,8 @@ int create_file(const char* path);
 
 // read_first_line - the first line of path without surrounding white space
 // into buffer (size bytes with the terminator); an empty file fills the
-// whole buffer with zeros. 0 or -1 (reported).
+// whole buffer with zeros. 0 or -1 (reported); -1 too for a link or
+// anything but a regular file, which is neither followed nor waited on.
 int read_first_line(char* buffer, size_t size, const char* path);
 
 // remove_tree - remove path and everything under it, or, when remove_top is

@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,6 +31,12 @@ auto retryEintr(F f) -> decltype(f()) {
     result = f();
   } while (result == -1 && errno == EINTR);
   return result;
+}
+
+// isRegularFile - the open descriptor fd is a regular file.
+inline bool isRegularFile(int fd) {
+  struct stat st;
+  return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
 }
 
 // path_format - format into buf; false when the text is empty or does not

@@ -45,8 +45,10 @@ bool isSpace(char c) {
 // is too long to be read back.
 bool readTrimmed(int dir, const char* path, char (&buf)[kReadMax], const char** start,
                  size_t* len) {
-  UniqueFd fd(retryEintr([&] { return ::openat(dir, path, O_RDONLY | O_CLOEXEC); }));
-  if (fd.get() < 0) return false;
+  // As handler_param opens it: no link followed, nothing but a regular file.
+  UniqueFd fd(retryEintr(
+      [&] { return ::openat(dir, path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); }));
+  if (fd.get() < 0 || !isRegularFile(fd.get())) return false;
   size_t got = 0;
   const char* newline = nullptr;
   while (got < sizeof buf && newline == nullptr) {
@@ -233,8 +235,8 @@ void HandlerIndex::loadFields(size_t i) {
   // search needs it. Anything else is read now to learn whether it reads.
   struct stat st;
   if (handler_info_path(path, sizeof path, name(i), "hook")) {
-    if (::fstatat(info_.get(), path + kRootLen, &st, 0) == 0 && S_ISREG(st.st_mode) &&
-        static_cast<size_t>(st.st_size) < kHandlerParamMax) {
+    if (::fstatat(info_.get(), path + kRootLen, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) < kHandlerParamMax) {
       flags |= kHookPresent;
     } else if (readTrimmed(info_.get(), path + kRootLen, buf, &start, &len)) {
       hook = store(start, len);
