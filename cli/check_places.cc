@@ -10,6 +10,8 @@
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
+#include "mail/postfix/mail_dirs.h"
+#include "mail/postfix/virtual_check.h"
 
 namespace zanth {
 namespace cli {
@@ -113,6 +115,54 @@ bool handlersAimedAt(Findings& findings, const std::string& target, const std::s
       moves->push_back(HandlerMove{name, currentTarget, moved != nullptr ? moved : ""});
   }
   return true;
+}
+
+namespace {
+
+// usersOf - 1 with *users when name has a row in the authentication
+// database, 0 when not, -1 when the database cannot be read.
+int usersOf(const std::string& name, long* users) {
+  MailLogCapture log;
+  return mail_auth_domain_users(name.c_str(), users);
+}
+
+bool hasHandlers(const std::string& name) {
+  Findings ignored;
+  std::vector<HandlerMove> moves;
+  return handlersAimedAt(ignored, name, name, &moves) && !moves.empty();
+}
+
+}  // namespace
+
+std::vector<Clash> clashes(const std::string& oldName, const std::string& newName) {
+  std::vector<Clash> found;
+  const bool oldRouted = pf::domainRouted(oldName) == 1;
+  if (oldRouted && pf::domainRouted(newName) == 1)
+    found.push_back(
+        {mapPlace(pf::VirtualMap::kVirtualDomains), "keys " + oldName + " and " + newName});
+
+  const fs::path from = pf::domainDirectory(oldName), to = pf::domainDirectory(newName);
+  if (present(from) && present(to) && !pf::domainDirectoryHeld(newName) && !emptyDirectory(to))
+    found.push_back({kPlaceDirectory, from.string() + " and " + to.string()});
+
+  mail_auth_select_style(kMailStylePostfix);
+  long oldUsers = 0, newUsers = 0;
+  if (usersOf(oldName, &oldUsers) > 0 && usersOf(newName, &newUsers) > 0)
+    found.push_back(
+        {kPlaceAuth, domainRow(oldName, oldUsers) + " and " + domainRow(newName, newUsers)});
+
+  if (oldRouted && hasHandlers(oldName) && hasHandlers(newName))
+    found.push_back({kPlaceHandlers, "handlers aimed at " + oldName + " and at " + newName});
+  return found;
+}
+
+std::string clashRefusal(const std::string& oldName, const std::string& newName,
+                         const std::vector<Clash>& found) {
+  std::string places;
+  for (const Clash& clash : found)
+    places += (places.empty() ? "" : ", ") + std::string(clash.place);
+  return "both " + oldName + " and " + newName + " are present in " + places +
+         ": renaming one onto the other would merge two domains";
 }
 
 }  // namespace cli

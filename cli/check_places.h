@@ -87,6 +87,26 @@ struct HandlerMove {
 bool handlersAimedAt(Findings& findings, const std::string& target, const std::string& newTarget,
                      std::vector<HandlerMove>* moves);
 
+// A place where both names of a rename live. Renaming one onto the other
+// would merge two domains there, and an undo would then rename the other
+// domain's own entries too, so the rename refuses before changing anything.
+struct Clash {
+  const char* place;
+  std::string what;  // the two entries, as findings show them
+};
+
+// clashes - the places where both oldName and newName are present: a key
+// of virtual_domains, a mail directory with something in it, a row of the
+// authentication database, handlers while the old name is still routed. A
+// place a stopped rename already moved holds the new name only, so its
+// rerun goes on; a place that cannot be read is left to the step that
+// reads it.
+std::vector<Clash> clashes(const std::string& oldName, const std::string& newName);
+
+// clashRefusal - why the rename refuses clashes, one line.
+std::string clashRefusal(const std::string& oldName, const std::string& newName,
+                         const std::vector<Clash>& found);
+
 }  // namespace cli
 }  // namespace zanth
 

@@ -12,13 +12,16 @@
 #include "cli/domain_rename.h"
 #include "cli/name_locator.h"
 #include "cli/rename_prediction.h"
+#include "common/domain_name.h"
 #include "common/errors.h"
 #include "common/file_util.h"
-#include "common/idn.h"
+#include "process/termination.h"
 
 namespace zanth {
 namespace cli {
 namespace {
+
+constexpr long kCheckWaitLimitMs = 2000;
 
 [[noreturn]] void usage(int status, const std::string& message) {
   if (!message.empty()) errorStream << message << std::endl;
@@ -54,12 +57,17 @@ bool checkArguments(int argc, char** argv, std::vector<std::string>* names) {
 int domainCheckMain(int argc, char** argv) {
   // As the rename: no file the check opens may become a standard stream.
   if (open_standard_descriptors() != 0) return kCheckUsage;
+  // A busy database or anything else the check waits on is a finding
+  // after a few seconds, never a hang.
+  process::setWaitLimit(kCheckWaitLimitMs);
   std::vector<std::string> names;
   const bool json = checkArguments(argc, argv, &names);
   try {
-    for (std::string& name : names) name = idn::toAscii(name);
+    static const char* const kRoles[] = {"old", "new"};
+    for (size_t i = 0; i < names.size(); ++i)
+      names[i] = domain_name::normalized(names[i], names.size() == 1 ? "the" : kRoles[i]);
   } catch (const std::exception& e) {
-    // A name the rename cannot convert is a rename that fails.
+    // A name the rename refuses is a rename that fails.
     reportFatal(e);
     return kCheckFails;
   }

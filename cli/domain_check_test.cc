@@ -165,8 +165,8 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
       {"old name not in the database", sql + "DELETE FROM domains WHERE name='a.example'\"", 3,
        false, ""},
       {"taken name", takenName, 1, true,
-       "auth_database: failure: new name already present, the rename fails here: "
-       "domain b.example (0 users)"},
+       "auth_database: failure: both names present, the rename refuses before changing "
+       "anything: domain a.example (1 user) and domain b.example (0 users)"},
       {"failing plugin",
        "install -m 0644 " + buildPath("test_plugins/failing.so") + " " + kPluginDir, 3, true,
        "plugins: info: runs " + kPluginDir + "failing.so", "mail_directory handlers",
@@ -191,7 +191,8 @@ TEST_F(DomainCheck, PredictionIsWhatTheRenameDoesAndWritesNothing) {
        "mail_directory: hazard: target exists and is empty, the move replaces it: "
        "/var/qmail/mailnames/b.example"},
       {"target directory", "mkdir -p " + kMailNames + "b.example/x", 1, true,
-       "mail_directory: failure: target exists, the move fails: /var/qmail/mailnames/b.example"},
+       "mail_directory: failure: both names present, the rename refuses before changing "
+       "anything: /var/qmail/mailnames/a.example and /var/qmail/mailnames/b.example"},
       {"handler without context", "rm /opt/orb/handlers/info/20-virus-*/context", 1, true,
        "handlers: failure: handler 20-virus-"},
       {"no plugin directory", "rm -r " + kPluginDir, 1, true,

@@ -8,6 +8,8 @@
 #include <iostream>
 #include <typeinfo>
 
+#include "cli/check_places.h"
+#include "common/domain_name.h"
 #include "common/errors.h"
 #include "common/file_util.h"
 #include "common/idn.h"
@@ -100,8 +102,13 @@ void renameSteps(const std::string& oldName, const std::string& newName,
 }  // namespace
 
 void renameDomain(std::string& oldName, std::string& newName) {
-  oldName = idn::toAscii(oldName);
-  newName = idn::toAscii(newName);
+  oldName = domain_name::normalized(oldName, "old");
+  newName = domain_name::normalized(newName, "new");
+  // The same domain under another spelling: there is nothing to rename.
+  if (oldName == newName) return;
+  process::checkTermination();
+  const std::vector<Clash> found = clashes(oldName, newName);
+  if (!found.empty()) throw RenameRefusal(clashRefusal(oldName, newName, found));
   process::checkTermination();
 
   // While Postfix delivers, mail waits in its queue instead of bouncing or

@@ -73,7 +73,7 @@ void checkDirectory(Findings& findings, const std::string& oldName, const std::s
     return;
   }
   findings.change(kPlaceDirectory, "move", from.string(), to.string());
-  // rename(2) replaces an empty directory and fails on anything else.
+  // rename(2) replaces an empty directory; anything else there is a clash.
   if (!present(from))
     findings.add(kPlaceDirectory, FindingKind::kFailure,
                  "source missing, the rename fails here: " + from.string());
@@ -83,9 +83,6 @@ void checkDirectory(Findings& findings, const std::string& oldName, const std::s
   else if (emptyDirectory(to))
     findings.add(kPlaceDirectory, FindingKind::kHazard,
                  "target exists and is empty, the move replaces it: " + to.string());
-  else if (present(to))
-    findings.add(kPlaceDirectory, FindingKind::kFailure,
-                 "target exists, the move fails: " + to.string());
 }
 
 void checkAuthDb(Findings& findings, const std::string& oldName, const std::string& newName) {
@@ -99,11 +96,10 @@ void checkAuthDb(Findings& findings, const std::string& oldName, const std::stri
                     domainRow(newName, oldUsers));
   else
     findings.add(kPlaceAuth, FindingKind::kInfo, "no row for " + oldName + ", nothing to rename");
-  if (newFound > 0)
-    findings.add(kPlaceAuth, oldFound > 0 ? FindingKind::kFailure : FindingKind::kHazard,
-                 std::string(oldFound > 0 ? "new name already present, the rename fails here: "
-                                          : "new name already present: ") +
-                     domainRow(newName, newUsers));
+  // Both rows present is a clash, reported with the others.
+  if (newFound > 0 && oldFound == 0)
+    findings.add(kPlaceAuth, FindingKind::kHazard,
+                 "new name already present: " + domainRow(newName, newUsers));
 }
 
 void checkPlugins(Findings& findings) {
@@ -156,8 +152,6 @@ std::string plural(int n, const char* word) {
   return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
 }
 
-}  // namespace
-
 // checkDelivery - what the rename does to mail delivery: only while
 // Postfix runs, or a hold was left behind, is there anything to tell.
 void checkDelivery(Findings& findings) {
@@ -171,9 +165,28 @@ void checkDelivery(Findings& findings) {
                  "until the rename ends");
 }
 
+// checkClashes - the places the rename refuses to merge, asked exactly as
+// the rename asks them.
+void checkClashes(Findings& findings, const std::string& oldName, const std::string& newName) {
+  for (const Clash& clash : clashes(oldName, newName))
+    findings.add(clash.place, FindingKind::kFailure,
+                 "both names present, the rename refuses before changing anything: " + clash.what);
+}
+
+}  // namespace
+
 CheckReport checkRename(const std::string& oldName, const std::string& newName) {
   Findings findings;
+  if (oldName == newName) {
+    CheckReport report;
+    report.oldName = oldName;
+    report.newName = newName;
+    report.status = kCheckClean;
+    report.verdict = "the names are the same, the rename changes nothing";
+    return report;
+  }
   checkDelivery(findings);
+  checkClashes(findings, oldName, newName);
   checkMaps(findings, oldName, newName);
   checkDirectory(findings, oldName, newName);
   checkAuthDb(findings, oldName, newName);

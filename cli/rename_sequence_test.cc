@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "mail/auth/auth_users.h"
 #include "testing/rename_testing.h"
 
 namespace {
@@ -54,14 +53,18 @@ struct LateFailure {
 };
 
 const LateFailure kLateFailures[] = {
-    {"TakenNameInAuthenticationDatabase",
-     [] { ASSERT_EQ(0, mail_auth_add_user("old", "b.example", "secret", 0)); },
-     "Unable to execute the mail domain authorization name change query: "
-     "UNIQUE constraint failed: domains.name\n",
+    // A database that refuses the update (a trigger an admin put there).
+    {"DatabaseRefusesTheUpdate",
+     [] {
+       ASSERT_EQ(0, shell("sqlite3 " + kAuthDb +
+                          " \"CREATE TRIGGER keep BEFORE UPDATE ON domains "
+                          "BEGIN SELECT RAISE(ABORT, 'domains are kept'); END\"")
+                        .exitCode());
+     },
+     "Unable to execute the mail domain authorization name change query: domains are kept\n",
      "Fatal error: zanth::mail::postfix::PostfixAuthenticationDBError"
      "(unable to update domain name in mail authentication database)\n",
-     true,
-     {"a.example info", "b.example old", "c.example bob"}},
+     true, kUsersKept},
     {"CrashingPlugin", [] { installPlugin("test_plugins/crashing.so"); },
      "child killed by signal: 11\nplugin 'crashing.so' failed with status '1'\n", kServicesFailed,
      false, kUsersRenamed},

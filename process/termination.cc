@@ -18,6 +18,7 @@ constexpr int kHeld[] = {SIGTERM, SIGINT, SIGHUP};
 volatile sig_atomic_t g_first = 0;
 volatile sig_atomic_t g_arrivals = 0;
 bool g_thrown = false;
+long g_waitLimitMs = 0;
 
 extern "C" void recordSignal(int signal) {
   if (g_first == 0) g_first = signal;
@@ -80,6 +81,20 @@ void checkTermination() {
   if (g_first == 0 || g_thrown || exceptionInFlight()) return;
   g_thrown = true;
   throw TerminationSignal(g_first);
+}
+
+void setWaitLimit(long ms) noexcept { g_waitLimitMs = ms; }
+
+BoundedWait::BoundedWait() noexcept { ::clock_gettime(CLOCK_MONOTONIC, &start_); }
+
+bool BoundedWait::over() const noexcept {
+  if (g_first != 0) return true;
+  if (g_waitLimitMs <= 0) return false;
+  struct timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  const long elapsedMs =
+      (now.tv_sec - start_.tv_sec) * 1000L + (now.tv_nsec - start_.tv_nsec) / 1000000L;
+  return elapsedMs >= g_waitLimitMs;
 }
 
 }  // namespace process

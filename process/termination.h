@@ -7,6 +7,7 @@
 #ifndef MXKEEP_PROCESS_TERMINATION_H
 #define MXKEEP_PROCESS_TERMINATION_H
 
+#include <ctime>
 #include <stdexcept>
 
 namespace zanth {
@@ -48,6 +49,25 @@ unsigned terminationArrivals() noexcept;
 // in flight) or after the signal was thrown does nothing, so the undo runs
 // to its end.
 void checkTermination();
+
+// setWaitLimit - from now on no BoundedWait lasts longer than ms
+// milliseconds; 0, the default, sets no limit (the rename's waits end by
+// a termination signal only). The domain check sets one: it never hangs.
+void setWaitLimit(long ms) noexcept;
+
+// A wait that retries something (a busy database) until it is over: a
+// termination signal is held, or the wait limit has passed since it began.
+//
+//   const BoundedWait wait;
+//   while (busy() && !wait.over()) pause();
+class BoundedWait final {
+ public:
+  BoundedWait() noexcept;
+  bool over() const noexcept;
+
+ private:
+  struct timespec start_;
+};
 
 }  // namespace process
 }  // namespace zanth

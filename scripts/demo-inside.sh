@@ -165,8 +165,14 @@ banner "Looking after the rename: every place under the new name"
 check bücher.example
 check example.org
 
-banner "A rename that fails late: the new name is taken in the authentication database"
+banner "A rename onto a name another domain holds is refused before anything changes"
 sqlite3 "$authdb" "INSERT INTO domains (name) VALUES ('shop.example');"
+run bücher.example shop.example
+sqlite3 "$authdb" "DELETE FROM domains WHERE name = 'shop.example';"
+
+banner "A rename that fails late: the authentication database refuses the update"
+sqlite3 "$authdb" "CREATE TRIGGER keep BEFORE UPDATE ON domains
+                   BEGIN SELECT RAISE(ABORT, 'domains are kept'); END;"
 check bücher.example shop.example
 run bücher.example shop.example
 echo "(maps stay under the new name, the mail directory is back under the old one,"
@@ -176,8 +182,8 @@ show_state
 banner "Looking after the failed rename: where each name lives, and the way out"
 check shop.example
 check bücher.example
-echo "(fixing the cause, here the taken row, and running the recovery command"
-echo " brings every place under one name)"
-sqlite3 "$authdb" "DELETE FROM domains WHERE name = 'shop.example';"
+echo "(fixing the cause, here the refusing trigger, and running the recovery"
+echo " command brings every place under one name)"
+sqlite3 "$authdb" "DROP TRIGGER keep;"
 run xn--bcher-kva.example shop.example
 check shop.example

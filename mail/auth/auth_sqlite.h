@@ -13,6 +13,7 @@
 
 #include "common/mail_log.h"
 #include "common/syscall.h"
+#include "process/termination.h"
 
 namespace zanth {
 
@@ -35,11 +36,14 @@ constexpr char kNoDbHandleText[] = "general DB errror";
 // sqliteRetry - the retry rule. Calls attempt() and, after every attempt
 // (successful or not), sleeps for the loop's delay when it is above zero
 // and then lets the delay grow by kSqliteRetryStepNs: attempt k is followed
-// by a pause of (k - 1) * 10 microseconds. Repeats, without bound, while
-// again(result) holds. Returns the last result, or kSqliteRetryAborted at
-// once when nanosleep fails (an interrupted sleep is simply repeated).
+// by a pause of (k - 1) * 10 microseconds. Repeats while again(result)
+// holds, until the wait is over (a termination signal, or the process's
+// wait limit: see process::BoundedWait). Returns the last result, or
+// kSqliteRetryAborted at once when nanosleep fails (an interrupted sleep
+// is simply repeated).
 template <class Attempt, class Again>
 int sqliteRetry(Attempt attempt, Again again) {
+  const process::BoundedWait wait;
   long delay_ns = 0;
   for (;;) {
     int rc = attempt();
@@ -49,7 +53,7 @@ int sqliteRetry(Attempt attempt, Again again) {
         return kSqliteRetryAborted;
     }
     delay_ns += kSqliteRetryStepNs;
-    if (!again(rc)) return rc;
+    if (!again(rc) || wait.over()) return rc;
   }
 }
 

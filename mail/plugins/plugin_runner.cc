@@ -20,6 +20,7 @@
 #include "common/errors.h"
 #include "common/syscall.h"
 #include "mail/plugins/rename_plugin.h"
+#include "process/child_wait.h"
 #include "process/termination.h"
 
 namespace {
@@ -99,7 +100,8 @@ int run_plugin_in_child(const char* path, const char* old_domain, const char* ne
   if (pid == 0) plugin_child(path, old_domain, new_domain);
 
   int status = 0;
-  if (zanth::retryEintr([&] { return ::waitpid(pid, &status, 0); }) <= 0) {
+  // A termination signal ends a plugin that does not return (see child_wait.h).
+  if (zanth::process::waitChildOrEnd(pid, &status) <= 0) {
     plugin_log(LOG_ERR, "waitpid failed: %s\n", std::strerror(errno));
     return 1;
   }

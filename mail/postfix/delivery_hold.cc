@@ -28,6 +28,7 @@
 #include "mail/postfix/errors.h"
 #include "mail/postfix/mail_dirs.h"
 #include "mail/postfix/postfix_programs.h"
+#include "mail/postfix/virtual_check.h"
 #include "process/termination.h"
 
 namespace zanth {
@@ -188,12 +189,6 @@ void flushSince(std::time_t since) {
       postfixProgramStatus({paths::kPostqueueProgram, "-i", message.id}, nullptr);
 }
 
-// routed - name is a key of the virtual domains map (or that is unknown).
-bool routed(const std::string& name) {
-  return postfixProgramStatus({paths::kPostmapProgram, "-q", name, paths::kVirtualDomainsMap},
-                              nullptr) != 1;
-}
-
 std::string recordText(const HoldRecord& record) {
   std::ostringstream out;
   out << "old " << record.oldName << "\nnew " << record.newName << "\nsince " << record.since
@@ -284,7 +279,8 @@ void DeliveryHold::releaseOrThrow() {
   // Once every daemon answers from the finished maps, a hold is needed
   // only where the maps route mail to a directory that is not there.
   for (const std::string& name : {oldName_, newName_, record_.oldName, record_.newName})
-    if (!name.empty() && domainDirectoryHeld(name) && !routed(name)) releaseDomainDirectory(name);
+    if (!name.empty() && domainDirectoryHeld(name) && domainRouted(name) == 0)
+      releaseDomainDirectory(name);
   if (master != 0) flushSince(record_.since);
   if (recorded_ && ::unlink(paths::kDeliveryHoldFile) != 0 && errno != ENOENT)
     throw SystemError(std::string("unlink ") + paths::kDeliveryHoldFile);

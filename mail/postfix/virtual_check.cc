@@ -10,7 +10,9 @@
 #include <iostream>
 #include <sstream>
 
+#include "common/fixed_paths.h"
 #include "mail/postfix/database/map_update.h"
+#include "mail/postfix/postfix_programs.h"
 #include "process/lock.h"
 
 namespace zanth {
@@ -77,6 +79,18 @@ std::string textSourceLeft(VirtualMap map) {
   const std::string path = database::mapPath(virtualMapSpec(map));
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0 ? path : std::string();
+}
+
+int domainRouted(const std::string& name) {
+  switch (postfixProgramStatus({paths::kPostmapProgram, "-q", name, paths::kVirtualDomainsMap},
+                               nullptr)) {
+    case 0:
+      return 1;
+    case 1:
+      return 0;
+    default:
+      return -1;
+  }
 }
 
 int mapLockHeld(VirtualMap map) {

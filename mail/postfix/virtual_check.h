@@ -41,6 +41,10 @@ bool rewritesOtherDomainPath(const std::string& before, const std::string& from)
 // database: a rewrite was interrupted. Empty when there is none.
 std::string textSourceLeft(VirtualMap map);
 
+// domainRouted - 1 when name is a key of the virtual domains map (mail to
+// it is ours), 0 when not, -1 when postmap cannot tell. One lookup, no dump.
+int domainRouted(const std::string& name);
+
 // mapLockHeld - 1 when another process holds the map's rewrite lock, 0
 // when not, -1 when that cannot be told.
 int mapLockHeld(VirtualMap map);
