@@ -15,6 +15,7 @@
 #include "common/domain_name.h"
 #include "common/errors.h"
 #include "common/file_util.h"
+#include "common/syslog_trail.h"
 #include "process/termination.h"
 
 namespace zanth {
@@ -22,6 +23,7 @@ namespace cli {
 namespace {
 
 constexpr long kCheckWaitLimitMs = 2000;
+constexpr char kCheckIdent[] = "mxkeep_domain_check";
 
 [[noreturn]] void usage(int status, const std::string& message) {
   if (!message.empty()) errorStream << message << std::endl;
@@ -80,9 +82,12 @@ int domainCheckMain(int argc, char** argv) {
       printText(report, std::cout);
     return report.status;
   } catch (const std::exception& e) {
+    // The check logs nothing but a failure of its own, as the line printed.
+    trail::open(kCheckIdent);
     reportFatal(e);
     return kCheckUsage;
   } catch (...) {
+    trail::open(kCheckIdent);
     errorStream << "UNSPECIFIED ERROR OCCURED" << std::endl;
     return kCheckUsage;
   }

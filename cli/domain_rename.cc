@@ -9,11 +9,13 @@
 #include <typeinfo>
 
 #include "cli/check_places.h"
+#include "cli/rename_trail.h"
 #include "common/domain_name.h"
 #include "common/errors.h"
 #include "common/file_util.h"
 #include "common/idn.h"
 #include "common/syscall.h"
+#include "common/syslog_trail.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
@@ -35,6 +37,7 @@ constexpr int kExitUnspecified = 2;
   if (!message.empty()) errorStream << message << std::endl;
   std::cout << "Rename a Zanth-controlled mail domain" << std::endl
             << "Usage: mxkeep_domain_rename <old_domain_name> <new_domain_name>" << std::endl;
+  if (status != kExitOk) rename_trail::refused(message);
   std::exit(status);
 }
 
@@ -61,47 +64,86 @@ void checkArguments(int& argc, char**& argv) {
 
 }  // namespace
 
+std::string fatalText(const std::exception& e) {
+  return "Fatal error: " + demangledTypeName(e) + "(" + e.what() + ")";
+}
+
 void reportFatal(const std::exception& e) {
-  errorStream << "Fatal error: " << demangledTypeName(e) << "(" << e.what() << ")" << std::endl;
+  errorStream << fatalText(e) << std::endl;
   if (const Traceback* tb = dynamic_cast<const Traceback*>(&e)) errorStream << *tb;
 }
 
 namespace {
 
+// step - runs one step and logs how it ended: body returns the step's
+// further log fields, or throws its failure.
+template <class Body>
+void step(const char* name, Body body) {
+  std::string details;
+  try {
+    details = body();
+  } catch (const std::exception& e) {
+    rename_trail::stepFailed(name, e.what());
+    throw;
+  }
+  rename_trail::stepEnded(name, details);
+}
+
+std::string postfixDetails(const mail::postfix::PostfixRenameResult& result) {
+  std::string details;
+  for (size_t i = 0; i < std::size(mail::postfix::kVirtualMaps); ++i)
+    details += trail::field(mapPlace(mail::postfix::kVirtualMaps[i]),
+                            std::to_string(result.records[i]));
+  return details + trail::field(kPlaceDirectory, result.directoryMoved ? "moved" : "already_moved");
+}
+
 // renameSteps - every step of the rename in its order, the Postfix step
 // guarded so that a later failure runs it backwards on the way out.
 void renameSteps(const std::string& oldName, const std::string& newName,
                  mail::postfix::DirectoryHolds holds) {
-  // A failure here has been undone by the step itself.
-  mail::postfix::renameDomain(oldName, newName, holds);
+  // A failure here has been undone by the step itself. Each step ends by
+  // asking for a termination signal held meanwhile: the rename then fails
+  // there, as if that step had failed.
+  step("postfix", [&] {
+    const auto result = mail::postfix::renameDomain(oldName, newName, holds);
+    return postfixDetails(result);
+  });
   // From here on a failure runs the Postfix step backwards on the way out
   // (see PostfixRenameGuard for what that leaves behind).
   mail::postfix::PostfixRenameGuard postfixGuard(oldName, newName, holds);
-  // Each step ends by asking for a termination signal held meanwhile: the
-  // rename then fails there, as if that step had failed.
-  process::checkTermination();
 
-  // Only the location matters here; the style is known.
-  mail_auth_select_style(kMailStylePostfix);
-  const int authResult = mail_auth_rename_domain(oldName.c_str(), newName.c_str());
-  process::checkTermination();
-  if (authResult != 0)
-    throw mail::postfix::PostfixAuthenticationDBError(
-        "unable to update domain name in mail authentication database");
+  step(kPlaceAuth, [&] {
+    process::checkTermination();
+    // Only the location matters here; the style is known.
+    mail_auth_select_style(kMailStylePostfix);
+    const int authResult = mail_auth_rename_domain(oldName.c_str(), newName.c_str());
+    process::checkTermination();
+    if (authResult != 0)
+      throw mail::postfix::PostfixAuthenticationDBError(
+          "unable to update domain name in mail authentication database");
+    return std::string();
+  });
 
-  const int pluginResult = run_rename_plugins(oldName.c_str(), newName.c_str());
-  process::checkTermination();
-  if (pluginResult != 0) throw mail::postfix::PostfixError("unable to rename some of services");
+  step(kPlacePlugins, [&] {
+    const int pluginResult = run_rename_plugins(oldName.c_str(), newName.c_str());
+    process::checkTermination();
+    if (pluginResult != 0) throw mail::postfix::PostfixError("unable to rename some of services");
+    return std::string();
+  });
 
-  const int handlerResult =
-      handlers_act_on_target(oldName.c_str(), newName.c_str(), kHandlerRename);
-  process::checkTermination();
-  if (handlerResult != 0) throw mail::postfix::PostfixError("Unable to rename domain handlers");
+  step(kPlaceHandlers, [&] {
+    const int handlerResult =
+        handlers_act_on_target(oldName.c_str(), newName.c_str(), kHandlerRename);
+    process::checkTermination();
+    if (handlerResult != 0) throw mail::postfix::PostfixError("Unable to rename domain handlers");
+    return std::string();
+  });
 }
 
 }  // namespace
 
 void renameDomain(std::string& oldName, std::string& newName) {
+  const std::string givenOld = oldName, givenNew = newName;
   oldName = domain_name::normalized(oldName, "old");
   newName = domain_name::normalized(newName, "new");
   // The same domain under another spelling: there is nothing to rename.
@@ -110,6 +152,7 @@ void renameDomain(std::string& oldName, std::string& newName) {
   const std::vector<Clash> found = clashes(oldName, newName);
   if (!found.empty()) throw RenameRefusal(clashRefusal(oldName, newName, found));
   process::checkTermination();
+  rename_trail::started(givenOld, givenNew, oldName, newName);
 
   // While Postfix delivers, mail waits in its queue instead of bouncing or
   // landing in a directory of either name until every place has moved
@@ -124,18 +167,28 @@ int domainRenameMain(int argc, char** argv) {
   // Before anything is opened: no file may become standard input, output
   // or error. Without them there is nowhere to report to either.
   if (open_standard_descriptors() != 0) return kExitFailure;
+  std::string givenOld, givenNew;
   try {
     checkArguments(argc, argv);
     process::holdTerminationSignals();
-    std::string oldName = argv[1];
-    std::string newName = argv[2];
+    givenOld = argv[1];
+    givenNew = argv[2];
+    std::string oldName = givenOld;
+    std::string newName = givenNew;
     renameDomain(oldName, newName);
+    if (trail::isOpen()) rename_trail::ended(kExitOk);
     return kExitOk;
   } catch (const std::exception& e) {
     reportFatal(e);
+    // Before the start nothing was changed: the refusal is the one line.
+    if (trail::isOpen())
+      rename_trail::ended(kExitFailure);
+    else
+      rename_trail::refused(fatalText(e), givenOld, givenNew);
     return kExitFailure;
   } catch (...) {
     errorStream << "UNSPECIFIED ERROR OCCURED" << std::endl;
+    if (trail::isOpen()) rename_trail::ended(kExitUnspecified);
     return kExitUnspecified;
   }
 }

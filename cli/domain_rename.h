@@ -14,6 +14,9 @@ namespace cli {
 // Process entry; returns the exit status (the usage routine exits itself).
 int domainRenameMain(int argc, char** argv);
 
+// fatalText - "Fatal error: <type>(<what>)" of e, without a line end.
+std::string fatalText(const std::exception& e);
+
 // reportFatal - the "Fatal error: <type>(<what>)" line of e, and its
 // traceback when it carries one, on the error stream.
 void reportFatal(const std::exception& e);

@@ -163,7 +163,7 @@ CheckReport checkName(const std::string& name) {
   } else if (findings.failures() > 0) {
     report.verdict = "some places cannot be read";
   } else {
-    report.verdict = anywhere ? "every place agrees" : "the name is in no place";
+    report.verdict = anywhere ? "every place agrees" : kInNoPlace;
   }
   report.status = disagree || holdLeft || findings.failures() > 0 ? kCheckFails : kCheckClean;
   report.findings = findings.all();

@@ -15,6 +15,9 @@ namespace cli {
 // checkName - where name (ASCII) lives now, and whether the places agree.
 CheckReport checkName(const std::string& name);
 
+// The verdict of checkName for a name found in no place at all.
+constexpr char kInNoPlace[] = "the name is in no place";
+
 }  // namespace cli
 }  // namespace zanth
 

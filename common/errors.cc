@@ -13,6 +13,7 @@
 #include <iostream>
 
 #include "common/syscall.h"
+#include "common/syslog_trail.h"
 
 namespace zanth {
 
@@ -105,6 +106,9 @@ int UtilityErrorStreamBuf::sync() {
   std::cerr.flush();
   std::cout << pending_;
   std::cout.flush();
+  // The critical-restore message is the one that asks for a person.
+  zanth::trail::diagnostic(pending_.compare(0, 9, "CRITICAL ") == 0 ? LOG_CRIT : LOG_ERR,
+                           pending_);
   pending_.clear();
   return 0;
 }
@@ -172,6 +176,7 @@ void write_copy(FILE* stream, const char* text) {
 void print_error_message(const char* text, int exit_status, int /*flag*/) {
   write_copy(stderr, text);
   write_copy(stdout, text);
+  zanth::trail::diagnostic(LOG_ERR, text);
   if (exit_status != 0) std::exit(exit_status);
 }
 

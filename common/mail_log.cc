@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/syscall.h"
+#include "common/syslog_trail.h"
 
 mail_log_fn mail_log = mail_log_default;
 int mail_log_threshold = LOG_INFO;
@@ -23,6 +24,12 @@ void mail_log_default(int priority, const char* format, ...) {
     va_end(args);
     std::fputc('\n', stream);
     std::fflush(stream);
+  }
+  if (zanth::trail::isOpen()) {
+    va_list args;
+    va_start(args, format);
+    zanth::trail::diagnostic(priority, zanth::formatted(format, args));
+    va_end(args);
   }
 }
 

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace zanth {
 
@@ -37,6 +38,17 @@ auto retryEintr(F f) -> decltype(f()) {
 inline bool isRegularFile(int fd) {
   struct stat st;
   return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// formatted - the printf text of format and args, whatever its length.
+inline std::string formatted(const char* format, va_list args) {
+  va_list again;
+  va_copy(again, args);
+  const int length = std::vsnprintf(nullptr, 0, format, args);
+  std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+  if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, again);
+  va_end(again);
+  return text;
 }
 
 // path_format - format into buf; false when the text is empty or does not

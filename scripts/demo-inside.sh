@@ -5,7 +5,8 @@
 # every place before and after, while a real Postfix delivers mail to the
 # domain's mailbox under the old name and then the new one; then shows a
 # failing rename and its undo. The domain check looks at the layout before
-# the rename, after it, and after the failing rename.
+# the rename, after it, and after the failing rename; the tool's lines in
+# the mail log (a real log daemon) follow each rename.
 # Usage: demo-inside.sh BUILD_DIR
 # The set-up stops at its first failing command; from the first look at
 # the layer on, failures are what the demo shows.
@@ -21,7 +22,9 @@ authdb=$maps/passwd.db
 handlers=/opt/orb/handlers
 domain_list=/var/lib/zanth/mail/local_domains
 . "$(dirname "$0")/../testing/mail_flow.sh"
-trap mail_flow_stop EXIT
+syslog_daemon=$(dirname "$0")/../testing/syslog_daemon.sh
+trap 'mail_flow_stop; "$syslog_daemon" stop' EXIT
+"$syslog_daemon" start
 
 banner() { printf '\n=== %s\n' "$*"; }
 
@@ -123,6 +126,16 @@ deliver() {
   mail_flow_find "$1" | sed 's/^/  message file: /'
 }
 
+# show_trail TEXT: the rename's lines in the mail log not shown yet, once
+# a line holding TEXT is there (the log daemon writes asynchronously).
+trail_shown=0
+show_trail() {
+  "$syslog_daemon" wait "$1"
+  echo "-- the mail log /var/log/mail.log, the tool's new lines (priority, tag, text):"
+  grep 'mxkeep_domain_rename\[' /var/log/mail.log | tail -n +$((trail_shown + 1)) | sed 's/^/   /'
+  trail_shown=$(grep -c 'mxkeep_domain_rename\[' /var/log/mail.log)
+}
+
 banner "Postfix delivers to the old name (pickup, cleanup, qmgr, virtual; no network)"
 mail_flow_start | sed 's/^/  /'
 deliver before info@example.org
@@ -151,6 +164,7 @@ echo "   renamed mailbox or boss's; mail to the new name before the rename and"
 echo "   to the old name after it bounces back to its sender):"
 awk '{ $1 = ""; print }' "$mail_flow_stream_dir/demo.fates" | sort | uniq -c | sed 's/^/  /'
 show_state
+show_trail "rename ended"
 
 banner "Postfix delivers to the same mailbox under the new name"
 deliver after-new info@xn--bcher-kva.example
@@ -168,6 +182,7 @@ check example.org
 banner "A rename onto a name another domain holds is refused before anything changes"
 sqlite3 "$authdb" "INSERT INTO domains (name) VALUES ('shop.example');"
 run bücher.example shop.example
+show_trail "rename refused"
 sqlite3 "$authdb" "DELETE FROM domains WHERE name = 'shop.example';"
 
 banner "A rename that fails late: the authentication database refuses the update"
@@ -178,6 +193,7 @@ run bücher.example shop.example
 echo "(maps stay under the new name, the mail directory is back under the old one,"
 echo " the authentication database is unchanged: the tool's documented end state)"
 show_state
+show_trail "rename ended status=1"
 
 banner "Looking after the failed rename: where each name lives, and the way out"
 check shop.example

@@ -15,6 +15,7 @@ packages=(
   libssl-dev
   postfix
   util-linux
+  rsyslog
   scdoc man-db
   debhelper dpkg-dev lintian
 )
@@ -33,8 +34,9 @@ export DEBIAN_FRONTEND=noninteractive
 # it inside the sandbox only: leave the host's mail configuration alone and
 # never start a mail service here.
 echo "postfix postfix/main_mailer_type select No configuration" | debconf-set-selections
-# mariadb-server is for the tests only: they start their own server inside
-# the sandbox. Its package would start a system service on installation;
+# mariadb-server and rsyslog are for the tests and the demo only: they start
+# their own server and log daemon inside the sandbox. Their packages would
+# start a system service on installation;
 # a temporary policy-rc.d refuses that (an existing one is left as it is).
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then

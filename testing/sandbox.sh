@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs one command inside a disposable sandbox of the fixed system paths the
 # mail tools work at: a private mount namespace with fresh tmpfs over /var,
-# /opt and /run, and overlays over /etc and /usr, so that accounts,
+# /opt and /run, a private /dev, and overlays over /etc and /usr, so that accounts,
 # configuration and programs can be added without touching the host.
 # Everything vanishes when the command ends. /tmp stays the host's, so the
 # checkout and build may live there; tests clean up what they make in it.
@@ -82,6 +82,26 @@ done
 for d in var opt; do
   mount -t tmpfs -o mode=0755 "mxkeep-$d" "/$d"
 done
+# A private /dev with the host's plain devices only, so that a log daemon
+# started inside makes its /dev/log here and never on the host.
+mkdir -p "$scratch/dev-host"
+mount --bind /dev "$scratch/dev-host"
+mount -t tmpfs -o mode=0755,nosuid mxkeep-dev /dev ||
+  fail_or_skip "cannot mount a private /dev"
+for n in null zero full random urandom tty; do
+  [ -e "$scratch/dev-host/$n" ] || continue
+  touch "/dev/$n"
+  mount --bind "$scratch/dev-host/$n" "/dev/$n"
+done
+mkdir -p /dev/pts /dev/shm
+[ -d "$scratch/dev-host/pts" ] && mount --bind "$scratch/dev-host/pts" /dev/pts
+mount -t tmpfs -o mode=1777,nosuid,nodev mxkeep-shm /dev/shm
+ln -s /proc/self/fd /dev/fd
+ln -s /proc/self/fd/0 /dev/stdin
+ln -s /proc/self/fd/1 /dev/stdout
+ln -s /proc/self/fd/2 /dev/stderr
+ln -s pts/ptmx /dev/ptmx
+umount -l "$scratch/dev-host"
 
 getent group postfix >/dev/null || groupadd -r postfix
 getent passwd postfix >/dev/null ||

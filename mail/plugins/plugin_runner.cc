@@ -20,6 +20,7 @@
 #include "common/errors.h"
 #include "common/syscall.h"
 #include "mail/plugins/rename_plugin.h"
+#include "common/syslog_trail.h"
 #include "process/child_wait.h"
 #include "process/termination.h"
 
@@ -70,8 +71,10 @@ void plugin_log(int priority, const char* format, ...) {
   zanth::ErrnoSaver keep;
   va_list args;
   va_start(args, format);
-  std::vfprintf(stderr, format, args);
+  const std::string text = zanth::formatted(format, args);
   va_end(args);
+  std::fputs(text.c_str(), stderr);
+  zanth::trail::diagnostic(priority, text);
 }
 
 int call_plugin(const char* path, const char* old_domain, const char* new_domain) {

@@ -30,6 +30,7 @@
 #include "common/orb_conf.h"
 #include "common/product_db.h"
 #include "common/syscall.h"
+#include "common/syslog_trail.h"
 #include "common/working_dir.h"
 
 namespace {
@@ -385,6 +386,7 @@ void createMaildirsize(const PopUser& popUser, const std::string& domain,
       quota -= dir_size(kAttachmentsDir);
     if (quota < 0) {
       std::cerr << kAttachmentsWarning << std::endl;
+      zanth::trail::diagnostic(LOG_WARNING, kAttachmentsWarning);
       quota = 0;
     }
   }

@@ -8,6 +8,7 @@
 
 #include "common/errors.h"
 #include "common/fixed_paths.h"
+#include "common/syslog_trail.h"
 #include "mail/postfix/database/filters.h"
 #include "mail/postfix/database/map_update.h"
 #include "mail/postfix/mail_dirs.h"
@@ -47,14 +48,18 @@ void undoWhileUnwinding(Undo undo) noexcept {
   }
 }
 
-// renameIn - rewrites one map; `from` becomes `to`.
+// renameIn - rewrites one map; `from` becomes `to`. Returns how many
+// records changed.
 template <VirtualMap Map>
-void renameIn(const std::string& from, const std::string& to) {
-  withRenameFilter(Map, from, to,
-                   [](const auto& filter) { database::update(virtualMapSpec(Map), filter); });
+size_t renameIn(const std::string& from, const std::string& to) {
+  size_t changed = 0;
+  withRenameFilter(Map, from, to, [&changed](const auto& filter) {
+    changed = database::update(virtualMapSpec(Map), filter);
+  });
+  return changed;
 }
 
-using MapRename = void (*)(const std::string& from, const std::string& to);
+using MapRename = size_t (*)(const std::string& from, const std::string& to);
 
 // Undo guard of one rewritten map: while an exception is in flight at its
 // destruction, renames newName back to oldName in that map.
@@ -88,28 +93,41 @@ const char* virtualMapSpec(VirtualMap map) {
   return kVirtualDomainsMap;  // not reached: every enumerator is handled
 }
 
-void renameDomain(const std::string& oldName, const std::string& newName, DirectoryHolds holds) {
+PostfixRenameResult renameDomain(const std::string& oldName, const std::string& newName,
+                                 DirectoryHolds holds) {
+  PostfixRenameResult result;
+  size_t* records = result.records;
   if (holds == DirectoryHolds::kOn && !domainDirectoryMoved(oldName, newName))
     holdDomainDirectory(newName);
   // After each map, once it is guarded, a termination signal held during
   // its rewrite fails the step there (nothing happens while undoing).
-  renameIn<VirtualMap::kVirtualDomains>(oldName, newName);
+  records[0] = renameIn<VirtualMap::kVirtualDomains>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVirtualDomains>> virtualDomainsGuard(oldName, newName);
   process::checkTermination();
-  renameIn<VirtualMap::kVirtual>(oldName, newName);
+  records[1] = renameIn<VirtualMap::kVirtual>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVirtual>> virtualGuard(oldName, newName);
   process::checkTermination();
-  renameIn<VirtualMap::kVmailbox>(oldName, newName);
+  records[2] = renameIn<VirtualMap::kVmailbox>(oldName, newName);
   MapUndoGuard<renameIn<VirtualMap::kVmailbox>> vmailboxGuard(oldName, newName);
   process::checkTermination();
   // The work of an earlier run that died after this point: the same rename
   // run again must complete, not fail on its own earlier success.
-  if (domainDirectoryMoved(oldName, newName)) return;
+  if (domainDirectoryMoved(oldName, newName)) return result;
   renameDomainDirectory(getPopUser(), oldName, newName);
+  result.directoryMoved = true;
+  return result;
 }
 
 PostfixRenameGuard::~PostfixRenameGuard() {
-  undoWhileUnwinding([this] { renameDomain(newName_, oldName_, holds_); });
+  if (!exceptionInFlight()) return;
+  bool restored = false;
+  undoWhileUnwinding([this, &restored] {
+    renameDomain(newName_, oldName_, holds_);
+    restored = true;
+  });
+  trail::line(restored ? LOG_WARNING : LOG_CRIT,
+              "rename undone" + trail::field("step", "postfix") +
+                  trail::field("result", restored ? "ok" : "failed"));
 }
 
 }  // namespace postfix

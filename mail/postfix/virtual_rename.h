@@ -6,6 +6,7 @@
 #ifndef MXKEEP_MAIL_POSTFIX_VIRTUAL_RENAME_H
 #define MXKEEP_MAIL_POSTFIX_VIRTUAL_RENAME_H
 
+#include <iterator>
 #include <string>
 
 #include "mail/postfix/database/filters.h"
@@ -69,6 +70,14 @@ void writeCriticalRestoreMessage(const char* object);
 // so that no mail makes a directory of either name meanwhile.
 enum class DirectoryHolds { kOff, kOn };
 
+// What one run of the Postfix step changed: the records of each map, in
+// the order of kVirtualMaps, and whether it moved the mail directory (not
+// when an earlier run had moved it already).
+struct PostfixRenameResult {
+  size_t records[std::size(kVirtualMaps)] = {};
+  bool directoryMoved = false;
+};
+
 // renameDomain - renames oldName to newName (ASCII) in the three maps and
 // the mail directory. With holds on, newName's place is held before the
 // first map changes, and the move leaves the hold in oldName's place.
@@ -79,8 +88,8 @@ enum class DirectoryHolds { kOff, kOn };
 // process. Run from a destructor during unwinding (the command's undo), a
 // successful renameDomain(new, old) therefore moves the directory back but
 // leaves the maps under the name they had before it was called.
-void renameDomain(const std::string& oldName, const std::string& newName,
-                  DirectoryHolds holds = DirectoryHolds::kOff);
+PostfixRenameResult renameDomain(const std::string& oldName, const std::string& newName,
+                                 DirectoryHolds holds = DirectoryHolds::kOff);
 
 // The command's guard around the whole Postfix step. Create it once
 // renameDomain(oldName, newName) has returned; while an exception is in

@@ -240,7 +240,7 @@ class DataStreamFilter final {
       std::vector<char>::const_iterator lf = std::find(start, block.end(), '\n');
       if (lf == block.end()) break;
       pending_.append(start, lf);
-      if (filter_(pending_)) writeLine();
+      filterPending();
       pending_.clear();
       start = lf + 1;
     }
@@ -254,13 +254,36 @@ class DataStreamFilter final {
 
   // finish - filters and writes a pending last line without line feed.
   void finish() {
-    if (!pending_.empty() && filter_(pending_)) writeLine();
+    if (!pending_.empty()) filterPending();
     pending_.clear();
   }
 
   const std::string& pending() const { return pending_; }
 
+  // changed - how many records the filter changed or dropped so far; a
+  // record only rewritten in its normal form (blanks) does not count.
+  size_t changed() const { return changed_; }
+
  private:
+  void filterPending() {
+    // The copy reuses its buffer: no allocation per record.
+    before_.assign(pending_);
+    const bool keep = filter_(pending_);
+    if (!keep || !sameButBlanks(pending_, before_)) ++changed_;
+    if (keep) writeLine();
+  }
+
+  static bool sameButBlanks(const std::string& a, const std::string& b) {
+    const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+    size_t i = 0, j = 0;
+    for (;;) {
+      while (i < a.size() && blank(a[i])) ++i;
+      while (j < b.size() && blank(b[j])) ++j;
+      if (i == a.size() || j == b.size()) return i == a.size() && j == b.size();
+      if (a[i++] != b[j++]) return false;
+    }
+  }
+
   void writeLine() {
     out_.write(pending_.data(), static_cast<std::streamsize>(pending_.size()));
     out_.put('\n');
@@ -269,6 +292,8 @@ class DataStreamFilter final {
   L filter_;
   std::ostream& out_;
   std::string pending_;
+  std::string before_;
+  size_t changed_ = 0;
 };
 
 }  // namespace database

@@ -119,15 +119,17 @@ class MapRewrite final {
 
 // update - rewrites the map `spec` through the line filter: every record
 // of the dump passes the filter in dump order, the kept ones form the new
-// map. The map is streamed, never held in memory whole. Throws on failure;
-// the indexed map is untouched when the dump fails.
+// map. The map is streamed, never held in memory whole. Returns how many
+// records the filter changed or dropped. Throws on failure; the indexed map
+// is untouched when the dump fails.
 template <class L>
-void update(const std::string& spec, L filter) {
+size_t update(const std::string& spec, L filter) {
   MapRewrite rewrite(spec);
   DataStreamFilter<L> lines(filter, rewrite.textSource());
   rewrite.dump(lines.consumer());
   lines.finish();
   rewrite.rebuild();
+  return lines.changed();
 }
 
 }  // namespace database
