@@ -280,3 +280,38 @@ TEST_F(RenameFaults, ConcurrentRenamesOfTwoDomainsBothComplete) {
 }
 
 }  // namespace
+
+namespace {
+
+// The handler step's own file work failing from a real cause (a read-only
+// part of the store): the step fails, the rename says so in its Fatal
+// line, and the late-failure end state follows; the process is never
+// ended in the middle of the step.
+TEST_F(RenameFaults, HandlerStoreThatCannotBeWrittenFailsTheHandlerStep) {
+  const struct {
+    const char* readOnly;  // made read-only under /opt/orb/handlers
+    const char* cause;     // the first diagnostic of the failure
+  } cases[] = {
+      // Where the moved handlers are switched on: no directory can be made.
+      {"smtp", "Cannot create directory /opt/orb/handlers/smtp/recipient"},
+      // The description of a handler that moved: it cannot be removed.
+      {"info/20-virus-*", "Unable to unlink directory entry "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.readOnly);
+    fresh();
+    const std::string dir = "$(ls -d /opt/orb/handlers/" + std::string(c.readOnly) + ")";
+    ASSERT_EQ(0, shell("mount --bind " + dir + " " + dir + " && mount -o remount,bind,ro " + dir)
+                     .exitCode());
+    const RunResult r = runTool({"a.example", "b.example"});
+    shell("umount " + dir);
+    EXPECT_EQ(1, r.exitCode()) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.cause)) << r.err;
+    const std::string fatal =
+        kFatal + "zanth::mail::postfix::PostfixError(Unable to rename domain handlers)\n";
+    EXPECT_EQ(fatal, r.err.substr(r.err.size() - std::min(r.err.size(), fatal.size())));
+    expectPlaces(sampleAfter, "a.example", kUsersRenamed);
+  }
+}
+
+}  // namespace

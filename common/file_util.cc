@@ -50,20 +50,29 @@ void own_new_dir(const char* path, uid_t uid, gid_t gid) {
     report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
 }
 
+// failed - reports a failure of the tree helpers as an error the caller
+// goes on from (it fails its own operation); always false.
+bool failed(const char* format, const char* name) {
+  report_error(0, 0, format, name, std::strerror(errno));
+  return false;
+}
+
 // make_owned_level - the recursion of make_dirs_owned over a private copy
-// of the path, cut short in place at each level.
-void make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
+// of the path, cut short in place at each level; false once reported.
+bool make_owned_level(char* path, uid_t uid, gid_t gid, mode_t mode) {
   char* slash = std::strrchr(path, '/');
   if (slash != nullptr && slash != path) {
     *slash = '\0';
-    make_owned_level(path, uid, gid, mode & kPermissionBits);
+    const bool made = make_owned_level(path, uid, gid, mode & kPermissionBits);
     *slash = '/';
+    if (!made) return false;
   }
   if (zanth::retryEintr([&] { return mkdir(path, mode); }) != 0) {
-    if (errno == EEXIST) return;
-    report_fatal("Cannot create directory %s: %s", path, std::strerror(errno));
+    if (errno == EEXIST) return true;
+    return failed("Cannot create directory %s: %s", path);
   }
   own_new_dir(path, uid, gid);
+  return true;
 }
 
 // open_empty - name, relative to dir, opened for writing as an empty or
@@ -86,17 +95,18 @@ int create_empty(const char* path, int extra_flags, const char* message) {
 
 // unlink_tolerant - unlink name in the directory dir; a vanished entry is
 // fine, else it fails.
-void unlink_tolerant(int dir, const char* name, const char* format) {
+bool unlink_tolerant(int dir, const char* name, const char* format) {
   if (zanth::retryEintr([&] { return unlinkat(dir, name, 0); }) != 0 && errno != ENOENT)
-    report_fatal(format, name, std::strerror(errno));
+    return failed(format, name);
+  return true;
 }
 
-void remove_subdir(int parent, const char* name);
+bool remove_subdir(int parent, const char* name);
 
 // empty_dir - remove every entry of the directory listed by dir. Entries
 // are named relative to it, so that deep trees never need long paths; the
 // type the listing gives spares a stat of each entry.
-void empty_dir(DIR* dir) {
+bool empty_dir(DIR* dir) {
   const int fd = dirfd(dir);
   for (struct dirent* entry; (entry = readdir(dir)) != nullptr;) {
     const char* name = entry->d_name;
@@ -106,45 +116,44 @@ void empty_dir(DIR* dir) {
       struct stat st;
       if (zanth::retryEintr([&] { return fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW); }) != 0) {
         if (errno == ENOENT) continue;
-        report_fatal("Unable to check directory entry %s: %s\n", name, std::strerror(errno));
+        return failed("Unable to check directory entry %s: %s\n", name);
       }
       is_dir = S_ISDIR(st.st_mode);
     }
-    if (is_dir)
-      remove_subdir(fd, name);
-    else
-      unlink_tolerant(fd, name, "Unable to unlink directory entry %s: %s\n");
+    const bool removed = is_dir ? remove_subdir(fd, name)
+                                : unlink_tolerant(fd, name, "Unable to unlink directory entry %s: %s\n");
+    if (!removed) return false;
   }
+  return true;
 }
 
 // clear_dir - empty the directory listed by dir, named name in messages,
 // and close it; a null dir is a failure to open it, errno saying why.
-void clear_dir(DIR* dir, const char* name) {
-  if (dir == nullptr) report_fatal("Unable to open dir %s: %s\n", name, std::strerror(errno));
-  empty_dir(dir);
-  if (closedir(dir) != 0) report_fatal("Unable to close dir %s: %s\n", name, std::strerror(errno));
+bool clear_dir(DIR* dir, const char* name) {
+  if (dir == nullptr) return failed("Unable to open dir %s: %s\n", name);
+  const bool emptied = empty_dir(dir);
+  if (closedir(dir) != 0 && emptied) return failed("Unable to close dir %s: %s\n", name);
+  return emptied;
 }
 
 // remove_empty_dir - remove the directory name in dir; a vanished one is
 // fine, else it fails.
-void remove_empty_dir(int dir, const char* name) {
+bool remove_empty_dir(int dir, const char* name) {
   if (zanth::retryEintr([&] { return unlinkat(dir, name, AT_REMOVEDIR); }) != 0 && errno != ENOENT)
-    report_fatal("Unable to remove dir %s: %s\n", name, std::strerror(errno));
+    return failed("Unable to remove dir %s: %s\n", name);
+  return true;
 }
 
 // remove_subdir - remove the directory name in parent and all under it.
-void remove_subdir(int parent, const char* name) {
+bool remove_subdir(int parent, const char* name) {
   DIR* dir = zanth::openDirAt(parent, name, O_NOFOLLOW | O_NONBLOCK);
   if (dir == nullptr) {
-    if (errno == ENOENT) return;
+    if (errno == ENOENT) return true;
     // Replaced by a file or a link since it was listed: that goes too.
-    if (errno == ENOTDIR || errno == ELOOP) {
-      unlink_tolerant(parent, name, "Unable to unlink entry %s: %s\n");
-      return;
-    }
+    if (errno == ENOTDIR || errno == ELOOP)
+      return unlink_tolerant(parent, name, "Unable to unlink entry %s: %s\n");
   }
-  clear_dir(dir, name);
-  remove_empty_dir(parent, name);
+  return clear_dir(dir, name) && remove_empty_dir(parent, name);
 }
 
 }  // namespace
@@ -175,11 +184,13 @@ int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode) {
   }
   if (errno == EEXIST) return 0;
   char* copy = strdup(path);
-  if (copy == nullptr)
-    report_fatal("Cannot create directory %s: %s", path, std::strerror(errno));
-  make_owned_level(copy, uid, gid, mode);
+  if (copy == nullptr) {
+    failed("Cannot create directory %s: %s", path);
+    return -1;
+  }
+  const bool made = make_owned_level(copy, uid, gid, mode);
   std::free(copy);
-  return 0;
+  return made ? 0 : -1;
 }
 
 int create_truncate_file(const char* path) {
@@ -266,20 +277,19 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   return 0;
 }
 
-void remove_tree(const char* path, int remove_top) {
+int remove_tree(const char* path, int remove_top) {
   struct stat st;
   if (zanth::retryEintr([&] { return lstat(path, &st); }) != 0) {
-    if (errno == ENOENT) return;
-    report_fatal("Unable to check directory entry %s: %s\n", path, std::strerror(errno));
+    if (errno == ENOENT) return 0;
+    return failed("Unable to check directory entry %s: %s\n", path) ? 0 : -1;
   }
-  if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
-    unlink_tolerant(AT_FDCWD, path, "Unable to unlink entry %s: %s\n");
-    return;
-  }
+  if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode))
+    return unlink_tolerant(AT_FDCWD, path, "Unable to unlink entry %s: %s\n") ? 0 : -1;
 
   // Everything else is taken for a directory.
-  clear_dir(opendir(path), path);
-  if (remove_top) remove_empty_dir(AT_FDCWD, path);
+  const bool removed =
+      clear_dir(opendir(path), path) && (!remove_top || remove_empty_dir(AT_FDCWD, path));
+  return removed ? 0 : -1;
 }
 
 int open_unshared(const char* path, struct stat* st) {

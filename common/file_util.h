@@ -19,8 +19,10 @@ int make_dirs(const char* path);
 
 // make_dirs_owned - create path and its missing parents, each owned by
 // uid:gid; path gets mode, the parents mode & 0777. An existing directory
-// is not touched (nor, then, are its parents). Always 0: a failed mkdir
-// ends the process, a failed chown is reported and passed over.
+// is not touched (nor, then, are its parents). 0, or -1 when a directory
+// cannot be made (reported, errno kept); a failed chown is reported and
+// passed over. A failure is the caller's to handle: in the middle of a
+// rename, ending the process would skip the undo.
 int make_dirs_owned(const char* path, uid_t uid, gid_t gid, mode_t mode);
 
 // create_truncate_file - make path an empty file (mode 0644 when new);
@@ -45,9 +47,10 @@ int read_first_line(char* buffer, size_t size, const char* path);
 
 // remove_tree - remove path and everything under it, or, when remove_top is
 // 0, only what is under it. Symbolic links are removed, never followed; a
-// missing path is fine. Any failure ends the process. The working directory
+// missing path is fine. 0, or -1 at the first failure (reported), which
+// leaves the rest in place for the caller to fail on. The working directory
 // is left alone: entries are removed relative to their open directory.
-void remove_tree(const char* path, int remove_top);
+int remove_tree(const char* path, int remove_top);
 
 // open_unshared - path opened read-only, never through a symbolic link at
 // it (ELOOP) nor blocking on a fifo, and refused (EMLINK) when it is a

@@ -138,8 +138,7 @@ int removeHandler(const char* name, const Location& loc) {
     mail_log(LOG_ERR, "handler name is too long to form a valid filesystem object name");
     return -1;
   }
-  remove_tree(description, 1);
-  return 0;
+  return remove_tree(description, 1);
 }
 
 int act(const char* name, const char* new_target, int action, HandlerIndex* index,
