@@ -71,6 +71,9 @@ char* convert_checked(int (*fn)(const char*, char**, int), const char* fname,
   return output;
 }
 
+// What a failed conversion leaves in place of the domain.
+constexpr char kFailedDomainText[] = "(null)";
+
 char* join_address(const char* address, const char* at, const char* domain) {
   char* result = nullptr;
   if (asprintf(&result, "%.*s@%s", static_cast<int>(at - address), address, domain) < 0)
@@ -98,9 +101,9 @@ char* idn_email_toascii(const char* address) {
   const char* at = std::strchr(address, '@');
   if (at == nullptr) return nullptr;
   char* domain = idn_toascii(at + 1);
-  // A failed domain still yields a string, with the C library's rendering of
-  // a null in its place; callers look at idn_last_error.
-  char* result = join_address(address, at, domain);
+  // A failed domain still yields a string, with the text "(null)" in its
+  // place, as callers have always seen it; they look at idn_last_error.
+  char* result = join_address(address, at, domain != nullptr ? domain : kFailedDomainText);
   std::free(domain);
   return result;
 }
