@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "common/file_str.h"
+#include "process/file_str.h"
 #include "fuzz/fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,7 +1,7 @@
 // Line-file editor. Never throws and reports nothing itself (a lock file
 // that cannot be opened is reported by lock_file_wait): callers know which
 // file they edit for what and word the message themselves.
-#include "common/file_str.h"
+#include "process/file_str.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

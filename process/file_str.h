@@ -4,8 +4,8 @@
 // "<path>.tmp" copy that is synced and renamed into place under the file's
 // lock, so readers see the old or the new file, never a part of one.
 // Procedural: 0 / -1 (false) with errno set; nothing is reported here.
-#ifndef MXKEEP_COMMON_FILE_STR_H
-#define MXKEEP_COMMON_FILE_STR_H
+#ifndef MXKEEP_PROCESS_FILE_STR_H
+#define MXKEEP_PROCESS_FILE_STR_H
 
 #include <sys/types.h>
 
@@ -81,4 +81,4 @@ class ReplacementFile final {
 
 }  // namespace zanth
 
-#endif  // MXKEEP_COMMON_FILE_STR_H
+#endif  // MXKEEP_PROCESS_FILE_STR_H

@@ -1,6 +1,6 @@
 // Line-file editor: real edits of files in the sandbox (contents, owner
 // and mode afterwards, no temporary file left, nothing planted followed).
-#include "common/file_str.h"
+#include "process/file_str.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "common/errors.h"
-#include "common/file_str.h"
+#include "process/file_str.h"
 #include "common/file_util.h"
 #include "common/fixed_paths.h"
 #include "common/syscall.h"

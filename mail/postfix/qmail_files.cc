@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "common/errors.h"
-#include "common/file_str.h"
+#include "process/file_str.h"
 #include "common/file_util.h"
 #include "common/idn.h"
 #include "common/orb_conf.h"
