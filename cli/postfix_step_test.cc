@@ -1,5 +1,7 @@
 // The Postfix step of the real binary in the sandbox with the real postmap: a
 // rename, and real faults with what each leaves behind and the exact output.
+// It lives in cli/, not beside mail/postfix/, because it runs the command:
+// what a fault leaves is the command's end state, undo and output included.
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -46,7 +46,7 @@ std::future<RunResult> renameInBackground(pid_t* pid) {
   std::future<RunResult> tool = std::async(std::launch::async, [] {
     return shell("echo $$ > /run/ready && exec " + toolPath() + " a.example b.example");
   });
-  *pid = std::stoi(readFile("/run/ready"));
+  *pid = std::stoi(readFifo("/run/ready"));
   return tool;
 }
 
@@ -59,7 +59,7 @@ const std::string kWaitOnFifo = "echo waiting > /run/ready; cat /run/go > /dev/n
 RunResult renameSignalledDuringStandIn(int signal) {
   pid_t tool;
   std::future<RunResult> rename = renameInBackground(&tool);
-  readFile("/run/ready");
+  readFifo("/run/ready");
   EXPECT_EQ(0, ::kill(tool, signal));
   writeFile("/run/go", "go\n");
   return rename.get();
@@ -211,8 +211,8 @@ TEST_F(RenameFaults, SignalEndsAWaitForALockHeldElsewhere) {
   std::future<RunResult> rename = renameInBackground(&tool);
   // The kernel lists the tool's blocked flock as a waiter in /proc/locks.
   const std::string waiter = "-> FLOCK  ADVISORY  WRITE " + std::to_string(tool) + " ";
-  while (readFile("/proc/locks").find(waiter) == std::string::npos) {
-  }
+  waitUntil("the tool waits for the lock",
+            [&] { return readFile("/proc/locks").find(waiter) != std::string::npos; });
   EXPECT_EQ(0, ::kill(tool, SIGINT));
   const RunResult r = rename.get();
   ::close(held);

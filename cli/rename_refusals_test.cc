@@ -56,7 +56,7 @@ std::future<RunResult> renameInBackground(pid_t* pid) {
   std::future<RunResult> tool = std::async(std::launch::async, [] {
     return shell("echo $$ > /run/ready && exec " + toolPath() + " a.example b.example");
   });
-  *pid = std::stoi(readFile("/run/ready"));
+  *pid = std::stoi(readFifo("/run/ready"));
   return tool;
 }
 
@@ -203,8 +203,9 @@ TEST_F(RenameRefusals, ASignalEndsAWaitForALockedDatabase) {
     rename = renameInBackground(&tool);
     // Waiting: the database open while another holds it.
     const std::string fds = "/proc/" + std::to_string(tool) + "/fd";
-    while (shell("[ -e /run/locked ] && ls -l " + fds + " | grep -q passwd.db").exitCode() != 0) {
-    }
+    waitUntil("the tool waits for the database", [&] {
+      return shell("[ -e /run/locked ] && ls -l " + fds + " | grep -q passwd.db").exitCode() == 0;
+    });
   }
   ASSERT_EQ(0, ::kill(tool, SIGTERM));
   const RunResult r = rename.get();
@@ -225,7 +226,7 @@ TEST_F(RenameRefusals, ASignalEndsAPluginThatNeverReturns) {
   installPlugin("test_plugins/stalling.so");
   pid_t tool;
   std::future<RunResult> rename = renameInBackground(&tool);
-  EXPECT_EQ("stalling\n", readFile("/run/ready"));
+  EXPECT_EQ("stalling\n", readFifo("/run/ready"));
   ASSERT_EQ(0, ::kill(tool, SIGTERM));
   const RunResult r = rename.get();
   EXPECT_EQ(1, r.exitCode()) << r.err;

@@ -106,6 +106,51 @@ std::string readFile(const std::string& path) {
   return s.str();
 }
 
+namespace {
+
+long monotonicMs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000L + now.tv_nsec / 1000000L;
+}
+
+}  // namespace
+
+std::string readFifo(const std::string& path) {
+  // Opened without waiting for a writer; poll then waits with a deadline.
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error("cannot open " + path);
+  const long deadline = monotonicMs() + kHandshakeSeconds * 1000L;
+  std::string text;
+  bool wrote = false;
+  for (;;) {
+    const long left = deadline - monotonicMs();
+    struct pollfd p = {fd, POLLIN, 0};
+    if (left <= 0 || (poll(&p, 1, static_cast<int>(left)) < 0 && errno != EINTR)) break;
+    char buf[4096];
+    const ssize_t n = read(fd, buf, sizeof buf);
+    if (n > 0) {
+      text.append(buf, static_cast<size_t>(n));
+      wrote = true;
+    } else if (n == 0 && (wrote || (p.revents & POLLHUP) != 0)) {
+      close(fd);
+      return text;
+    } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+      break;
+    }
+  }
+  close(fd);
+  throw std::runtime_error("no writer finished with " + path + " in time");
+}
+
+void waitUntil(const char* what, bool (*done)(const void*), const void* arg) {
+  const long deadline = monotonicMs() + kHandshakeSeconds * 1000L;
+  while (!done(arg)) {
+    if (monotonicMs() > deadline) throw std::runtime_error(std::string("timed out waiting: ") + what);
+    usleep(1000);
+  }
+}
+
 void writeFile(const std::string& path, const std::string& content, mode_t mode) {
   {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -32,6 +32,22 @@ std::string sourcePath(const std::string& relative);
 std::string buildPath(const std::string& relative);
 
 std::string readFile(const std::string& path);
+
+// How long a test waits for a handshake before it fails instead of hanging.
+constexpr int kHandshakeSeconds = 60;
+
+// readFifo - what a writer puts into the fifo path, once it has closed it;
+// throws std::runtime_error when that takes longer than kHandshakeSeconds.
+std::string readFifo(const std::string& path);
+
+// waitUntil - calls done() until it holds; throws std::runtime_error naming
+// what when that takes longer than kHandshakeSeconds.
+void waitUntil(const char* what, bool (*done)(const void*), const void* arg);
+template <class F>
+void waitUntil(const char* what, F done) {
+  waitUntil(what, [](const void* f) { return (*static_cast<const F*>(f))(); }, &done);
+}
+
 void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 bool pathExists(const std::string& path);
 
