@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/chars.h"
 #include "common/errors.h"
 #include "common/syscall.h"
 
@@ -25,11 +26,6 @@ constexpr mode_t kPermissionBits = 0777;
 // Read size of read_first_line, doubled while the first line goes on.
 constexpr size_t kLineChunk = 512;
 constexpr const char* kTruncateMessage = "Unable to truncate or create file %s: %s";
-
-// White space as the default POSIX locale has it, whatever locale is set.
-bool is_space(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
 
 // ensure_dir - make sure the directory path exists; 1 or 0 with errno.
 int ensure_dir(const char* path) {
@@ -262,8 +258,8 @@ int read_first_line(char* buffer, size_t size, const char* path) {
 
   char* start = line;
   char* end = line + length;
-  while (end > start && is_space(end[-1])) --end;
-  while (start < end && is_space(*start)) ++start;
+  while (end > start && zanth::isPosixSpace(end[-1])) --end;
+  while (start < end && zanth::isPosixSpace(*start)) ++start;
   size_t trimmed = static_cast<size_t>(end - start);
   if (trimmed >= size) {
     release();

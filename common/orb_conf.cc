@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/chars.h"
 #include "common/errors.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
@@ -71,11 +72,6 @@ conf_table* g_runtime = nullptr;
 const char* g_cache[kVarCount];
 bool g_cache_cleared = false;
 
-// White space as the default POSIX locale has it, whatever locale is set.
-bool is_space(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
 bool is_name_char(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
          c == '_';
@@ -129,7 +125,7 @@ int make_room(conf_table* table) {
 void cut_value(char* value, char* end) {
   char* mark = nullptr;
   for (char* p = value + 1; p < end; ++p)
-    mark = is_space(*p) && mark == nullptr ? p : nullptr;
+    mark = zanth::isPosixSpace(*p) && mark == nullptr ? p : nullptr;
   *(mark != nullptr ? mark : end) = '\0';
 }
 
@@ -137,18 +133,18 @@ void cut_value(char* value, char* end) {
 // The line is cut up in place. -1 only when the table cannot take it.
 int parse_line(char* line, conf_table* table) {
   char* p = line;
-  while (is_space(*p)) ++p;
+  while (zanth::isPosixSpace(*p)) ++p;
   if (*p == '\0' || *p == '#') return 0;
 
   char* name = p;
   while (is_name_char(*p)) ++p;
   char* name_end = p;
-  if (!is_space(*p)) {
+  if (!zanth::isPosixSpace(*p)) {
     mail_log(kLogPriority,
              "Invalid variable definition %s\nExpected a space after variable name\n", name);
     return 0;
   }
-  while (is_space(*p)) ++p;
+  while (zanth::isPosixSpace(*p)) ++p;
   if (*p == '\0' || *p == '#') {
     mail_log(kLogPriority, "Invalid variable definition %s\nExpected a value", name);
     return 0;

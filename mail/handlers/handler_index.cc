@@ -15,6 +15,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/chars.h"
 #include "common/syscall.h"
 #include "mail/handlers/handler_store.h"
 
@@ -32,11 +33,6 @@ constexpr size_t kMinBuckets = 1024;
 const size_t kRootLen = std::strlen(kHandlersInfoRoot) + 1;
 
 bool empty(const char* s) { return s == nullptr || *s == '\0'; }
-
-// White space as the file helpers trim it, whatever locale is set.
-bool isSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
 
 // The first line of path (relative to dir), trimmed as handler_param
 // returns it, at *start (inside buf) for *len bytes. false when
@@ -62,8 +58,8 @@ bool readTrimmed(int dir, const char* path, char (&buf)[kReadMax], const char** 
   const char* end = newline != nullptr ? newline : buf + got;
   const char* begin = buf;
   if (std::memchr(begin, '\0', static_cast<size_t>(end - begin)) != nullptr) return false;
-  while (end > begin && isSpace(end[-1])) --end;
-  while (begin < end && isSpace(*begin)) ++begin;
+  while (end > begin && isPosixSpace(end[-1])) --end;
+  while (begin < end && isPosixSpace(*begin)) ++begin;
   *start = begin;
   *len = static_cast<size_t>(end - begin);
   return *len < kHandlerParamMax;
@@ -187,8 +183,8 @@ void HandlerIndex::added(const char* name, const HandlerFields* written) {
 bool HandlerIndex::readsBackAs(const char* value) {
   if (empty(value)) return false;
   const size_t len = std::strlen(value);
-  return len < kHandlerParamMax && std::strchr(value, '\n') == nullptr && !isSpace(value[0]) &&
-         !isSpace(value[len - 1]);
+  return len < kHandlerParamMax && std::strchr(value, '\n') == nullptr && !isPosixSpace(value[0]) &&
+         !isPosixSpace(value[len - 1]);
 }
 
 void HandlerIndex::forgetIfGone(size_t i) {
