@@ -1,9 +1,11 @@
 // Lock files and semaphores: a held lock refuses a try and holds a waiter
-// until it is released; a semaphore byte held by one process is refused to
-// another on that byte only, and free again once unlocked.
+// (seen blocked in /proc/locks) until it is released; a semaphore byte held
+// by one process is refused to another on that byte only, and free again
+// once unlocked.
 #include "process/lock.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -18,8 +20,6 @@
 
 namespace {
 
-constexpr int kStillWaitingMs = 300;
-
 TEST(LockFile, HeldLockRefusesATryAndHoldsAWaiterUntilReleased) {
   // Lock files conflict between open files, so a second thread contends
   // as another process would.
@@ -31,10 +31,15 @@ TEST(LockFile, HeldLockRefusesATryAndHoldsAWaiterUntilReleased) {
   lock_file_release(handle);
 
   auto waiter = std::async(std::launch::async, [] { return lock_file_wait("example", 1); });
-  EXPECT_EQ(std::future_status::timeout,
-            waiter.wait_for(std::chrono::milliseconds(kStillWaitingMs)));
+  // The kernel lists a blocked flock as a waiter ("->") of this process.
+  const std::string blocked = "-> FLOCK  ADVISORY  WRITE " + std::to_string(::getpid()) + " ";
+  testing_support::waitUntil("the waiter blocks", [&] {
+    return testing_support::readFile("/proc/locks").find(blocked) != std::string::npos;
+  });
+  EXPECT_EQ(std::future_status::timeout, waiter.wait_for(std::chrono::seconds(0)));
   held.release();
   LockHandle* got = waiter.get();
+  ASSERT_NE(nullptr, got);
   EXPECT_GT(got->fd, 2);
   lock_file_release(got);
 }
