@@ -75,7 +75,7 @@ const LateFailure kLateFailures[] = {
      "No such parameter 'handler-type' for handler '10-broken-Ab3xYz'\n"
      "Unable to get type of handler: 10-broken-Ab3xYz\n\n"
      "Some errors was occured in mass hook operation. errors: 1\n",
-     "Fatal error: zanth::mail::postfix::PostfixError(Unable to rename domain handlers)\n", true,
+     kHandlersFailed, true,
      kUsersRenamed},
 };
 

@@ -14,16 +14,12 @@ here=$(cd "$(dirname "$0")" && pwd -P)
 [ "${MXKEEP_SANDBOX:-}" = 1 ] || exec "$here/sandbox.sh" "$here/live_rename_test.sh" "$@"
 build=$1 rounds=${2:-3} records=${3:-100000}
 . "$here/mail_flow.sh"
+. "$here/checks.sh"
 trap mail_flow_stop EXIT
 
-failures=0
-expect() {  # expect DESCRIPTION ACTUAL EXPECTED
-  if [ "$2" = "$3" ]; then echo "ok: $1"
-  else printf 'FAILED: %s\n  got:  %s\n  want: %s\n' "$1" "$2" "$3" >&2; failures=$((failures + 1)); fi
-}
 fates_hold() {  # fates_hold ROUND OLD NEW [held]: the round's fates break no rule
   if mail_flow_violations "$1" "$2" "$3" other.example ${4:-}; then echo "ok: $1: every message where it belongs"
-  else echo "FAILED: $1: messages out of place (above)" >&2; failures=$((failures + 1)); fi
+  else fail "$1: messages out of place (above)"; fi
 }
 names=/var/qmail/mailnames tool=/usr/sbin/mxkeep_domain_rename
 
@@ -93,5 +89,4 @@ expect "rerun: no hold record left" "$(ls /var/lib/zanth/mail/rename_hold 2>&1 >
 /usr/sbin/mxkeep_domain_check $new > /dev/null
 expect "rerun: the check finds every place agreeing" "$?" 0
 
-[ $failures = 0 ] || { echo "$failures check(s) failed" >&2; exit 1; }
-echo "live rename test passed"
+checks_done "live rename test"

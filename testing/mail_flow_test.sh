@@ -11,13 +11,9 @@ here=$(cd "$(dirname "$0")" && pwd -P)
 [ "${MXKEEP_SANDBOX:-}" = 1 ] || exec "$here/sandbox.sh" "$here/mail_flow_test.sh" "$@"
 build=$1
 . "$here/mail_flow.sh"
+. "$here/checks.sh"
 trap mail_flow_stop EXIT
 
-failures=0
-expect() {  # expect DESCRIPTION ACTUAL EXPECTED
-  if [ "$2" = "$3" ]; then echo "ok: $1"
-  else printf 'FAILED: %s\n  got:  %s\n  want: %s\n' "$1" "$2" "$3" >&2; failures=$((failures + 1)); fi
-}
 
 cmake --install "$build" --prefix /usr >/dev/null || exit 1
 maps=/var/spool/postfix/zanth names=/var/qmail/mailnames
@@ -62,5 +58,4 @@ expect "old address bounced" "${status#*status=bounced }" \
 expect "bounce notice back in the sender's Maildir" \
   "$(mail_flow_find after-old | sed 's|/new/.*|/new|')" "$names/other.example/boss/Maildir/new"
 
-[ $failures = 0 ] || { echo "$failures check(s) failed" >&2; exit 1; }
-echo "mail flow test passed"
+checks_done "mail flow test"

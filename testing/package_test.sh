@@ -20,11 +20,7 @@ fi
 
 deb=$1
 package=mxkeep-domain-rename
-failures=0
-check() {  # check DESCRIPTION COMMAND...: runs the command, counts a failure
-  local what=$1; shift
-  if "$@"; then echo "ok: $what"; else echo "FAILED: $what" >&2; failures=$((failures + 1)); fi
-}
+. "$here/checks.sh"
 
 rm -rf /var/lib/dpkg
 cp -a "$2" /var/lib/dpkg
@@ -75,5 +71,4 @@ while read -r f; do
 done < /run/installed-list
 check "nothing installed is left" test $left = 0
 
-[ $failures = 0 ] || { echo "$failures check(s) failed" >&2; exit 1; }
-echo "package test passed"
+checks_done "package test"

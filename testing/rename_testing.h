@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+#include <future>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -28,8 +29,35 @@ const std::string kAuthDb = kSpool + "/passwd.db";
 const std::string kMailNames = "/var/qmail/mailnames/";
 const std::string kPluginDir = "/usr/lib/zanth-9.0/domain_rename/";
 const std::string kRefresh = "/usr/lib/zanth-9.0/handlers-tmpfs";
+const std::string kFatal = "Fatal error: ";
 const std::string kServicesFailed =
-    "Fatal error: zanth::mail::postfix::PostfixError(unable to rename some of services)\n";
+    kFatal + "zanth::mail::postfix::PostfixError(unable to rename some of services)\n";
+const std::string kHandlersFailed =
+    kFatal + "zanth::mail::postfix::PostfixError(Unable to rename domain handlers)\n";
+
+// The line of a rename ended by the termination signal `name` ("SIGTERM").
+inline std::string terminated(const char* name) {
+  return kFatal + "zanth::process::TerminationSignal(terminated by " + name + ")\n";
+}
+
+inline bool endsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// The rename of a.example to b.example started in the background by a
+// shell that tells its process id on the fifo /run/ready, then becomes the
+// tool; *pid is the tool's once the shell said it. Stand-ins and plugins
+// tell the test on /run/ready too, and may wait on the fifo /run/go.
+inline std::future<testing_support::RunResult> renameInBackground(pid_t* pid) {
+  using testing_support::shell;
+  EXPECT_EQ(0, shell("rm -f /run/ready /run/go && mkfifo /run/ready /run/go").exitCode());
+  std::future<testing_support::RunResult> tool = std::async(std::launch::async, [] {
+    return shell("echo $$ > /run/ready && exec " + testing_support::toolPath() +
+                 " a.example b.example");
+  });
+  *pid = std::stoi(testing_support::readFifo("/run/ready"));
+  return tool;
+}
 // What the tool says when it cannot put a place back after a failure.
 const std::string kCritical =
     "CRITICAL ERROR: Unable to properly restore Postfix Virtual Domains Database used by Zanth.\n"

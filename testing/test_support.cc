@@ -18,6 +18,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/syscall.h"
 #include "testing/child.h"
 
 namespace testing_support {
@@ -118,34 +119,26 @@ long monotonicMs() {
 
 std::string readFifo(const std::string& path) {
   // Opened without waiting for a writer; poll then waits with a deadline.
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error("cannot open " + path);
+  const zanth::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (fd.get() < 0) throw std::runtime_error("cannot open " + path);
   const long deadline = monotonicMs() + kHandshakeSeconds * 1000L;
   std::string text;
-  bool wrote = false;
-  for (;;) {
-    const long left = deadline - monotonicMs();
-    struct pollfd p = {fd, POLLIN, 0};
-    if (left <= 0 || (poll(&p, 1, static_cast<int>(left)) < 0 && errno != EINTR)) break;
+  for (long left; (left = deadline - monotonicMs()) > 0;) {
+    struct pollfd p = {fd.get(), POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(left)) < 0 && errno != EINTR) break;
     char buf[4096];
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) {
-      text.append(buf, static_cast<size_t>(n));
-      wrote = true;
-    } else if (n == 0 && (wrote || (p.revents & POLLHUP) != 0)) {
-      close(fd);
-      return text;
-    } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-      break;
-    }
+    const ssize_t n = read(fd.get(), buf, sizeof buf);
+    if (n > 0) text.append(buf, static_cast<size_t>(n));
+    // End of file counts once a writer has been there.
+    if (n == 0 && (!text.empty() || (p.revents & POLLHUP) != 0)) return text;
+    if (n < 0 && errno != EAGAIN && errno != EINTR) break;
   }
-  close(fd);
   throw std::runtime_error("no writer finished with " + path + " in time");
 }
 
-void waitUntil(const char* what, bool (*done)(const void*), const void* arg) {
+void waitUntil(const char* what, const std::function<bool()>& done) {
   const long deadline = monotonicMs() + kHandshakeSeconds * 1000L;
-  while (!done(arg)) {
+  while (!done()) {
     if (monotonicMs() > deadline) throw std::runtime_error(std::string("timed out waiting: ") + what);
     usleep(1000);
   }

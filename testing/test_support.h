@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -42,11 +43,7 @@ std::string readFifo(const std::string& path);
 
 // waitUntil - calls done() until it holds; throws std::runtime_error naming
 // what when that takes longer than kHandshakeSeconds.
-void waitUntil(const char* what, bool (*done)(const void*), const void* arg);
-template <class F>
-void waitUntil(const char* what, F done) {
-  waitUntil(what, [](const void* f) { return (*static_cast<const F*>(f))(); }, &done);
-}
+void waitUntil(const char* what, const std::function<bool()>& done);
 
 void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 bool pathExists(const std::string& path);
