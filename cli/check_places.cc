@@ -119,11 +119,11 @@ bool handlersAimedAt(Findings& findings, const std::string& target, const std::s
 
 namespace {
 
-// usersOf - 1 with *users when name has a row in the authentication
-// database, 0 when not, -1 when the database cannot be read.
-int usersOf(const std::string& name, long* users) {
-  MailLogCapture log;
-  return mail_auth_domain_users(name.c_str(), users);
+// The questions of the check, asked for a yes or no: a place that cannot
+// be read answers no, and the step that reads it fails on its own.
+bool hasRow(const std::string& name, long* users) {
+  Findings ignored;
+  return lookUpDomain(ignored, name, users) > 0;
 }
 
 bool hasHandlers(const std::string& name) {
@@ -147,7 +147,7 @@ std::vector<Clash> clashes(const std::string& oldName, const std::string& newNam
 
   mail_auth_select_style(kMailStylePostfix);
   long oldUsers = 0, newUsers = 0;
-  if (usersOf(oldName, &oldUsers) > 0 && usersOf(newName, &newUsers) > 0)
+  if (hasRow(oldName, &oldUsers) && hasRow(newName, &newUsers))
     found.push_back(
         {kPlaceAuth, domainRow(oldName, oldUsers) + " and " + domainRow(newName, newUsers)});
 

@@ -15,7 +15,6 @@
 #include "common/file_util.h"
 #include "common/idn.h"
 #include "common/syscall.h"
-#include "common/syslog_trail.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
@@ -89,14 +88,6 @@ void step(const char* name, Body body) {
   rename_trail::stepEnded(name, details);
 }
 
-std::string postfixDetails(const mail::postfix::PostfixRenameResult& result) {
-  std::string details;
-  for (size_t i = 0; i < std::size(mail::postfix::kVirtualMaps); ++i)
-    details += trail::field(mapPlace(mail::postfix::kVirtualMaps[i]),
-                            std::to_string(result.records[i]));
-  return details + trail::field(kPlaceDirectory, result.directoryMoved ? "moved" : "already_moved");
-}
-
 // renameSteps - every step of the rename in its order, the Postfix step
 // guarded so that a later failure runs it backwards on the way out.
 void renameSteps(const std::string& oldName, const std::string& newName,
@@ -105,8 +96,7 @@ void renameSteps(const std::string& oldName, const std::string& newName,
   // asking for a termination signal held meanwhile: the rename then fails
   // there, as if that step had failed.
   step("postfix", [&] {
-    const auto result = mail::postfix::renameDomain(oldName, newName, holds);
-    return postfixDetails(result);
+    return rename_trail::postfixDetails(mail::postfix::renameDomain(oldName, newName, holds));
   });
   // From here on a failure runs the Postfix step backwards on the way out
   // (see PostfixRenameGuard for what that leaves behind).
@@ -176,19 +166,19 @@ int domainRenameMain(int argc, char** argv) {
     std::string oldName = givenOld;
     std::string newName = givenNew;
     renameDomain(oldName, newName);
-    if (trail::isOpen()) rename_trail::ended(kExitOk);
+    rename_trail::ended(kExitOk);
     return kExitOk;
   } catch (const std::exception& e) {
     reportFatal(e);
     // Before the start nothing was changed: the refusal is the one line.
-    if (trail::isOpen())
+    if (rename_trail::isStarted())
       rename_trail::ended(kExitFailure);
     else
       rename_trail::refused(fatalText(e), givenOld, givenNew);
     return kExitFailure;
   } catch (...) {
     errorStream << "UNSPECIFIED ERROR OCCURED" << std::endl;
-    if (trail::isOpen()) rename_trail::ended(kExitUnspecified);
+    rename_trail::ended(kExitUnspecified);
     return kExitUnspecified;
   }
 }

@@ -176,15 +176,14 @@ void checkClashes(Findings& findings, const std::string& oldName, const std::str
 }  // namespace
 
 CheckReport checkRename(const std::string& oldName, const std::string& newName) {
-  Findings findings;
+  CheckReport report;
+  report.oldName = oldName;
+  report.newName = newName;
   if (oldName == newName) {
-    CheckReport report;
-    report.oldName = oldName;
-    report.newName = newName;
-    report.status = kCheckClean;
     report.verdict = "the names are the same, the rename changes nothing";
     return report;
   }
+  Findings findings;
   checkDelivery(findings);
   checkClashes(findings, oldName, newName);
   checkMaps(findings, oldName, newName);
@@ -193,9 +192,6 @@ CheckReport checkRename(const std::string& oldName, const std::string& newName) 
   checkPlugins(findings);
   checkHandlers(findings, oldName, newName);
 
-  CheckReport report;
-  report.oldName = oldName;
-  report.newName = newName;
   report.findings = findings.all();
   if (findings.failures() > 0) {
     report.status = kCheckFails;

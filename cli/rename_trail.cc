@@ -20,8 +20,7 @@ constexpr long kFinalLookLimitMs = 2000;
 
 }  // namespace
 
-void refused(const std::string& error, const std::string& givenOld,
-             const std::string& givenNew) {
+void refused(const std::string& error, const std::string& givenOld, const std::string& givenNew) {
   trail::open(kIdent);
   std::string text = "rename refused";
   if (!givenOld.empty()) text += trail::field("old", givenOld);
@@ -29,8 +28,8 @@ void refused(const std::string& error, const std::string& givenOld,
   trail::line(LOG_ERR, text + trail::field("error", error));
 }
 
-void started(const std::string& givenOld, const std::string& givenNew,
-             const std::string& oldName, const std::string& newName) {
+void started(const std::string& givenOld, const std::string& givenNew, const std::string& oldName,
+             const std::string& newName) {
   g_old = oldName;
   g_new = newName;
   trail::open(kIdent);
@@ -39,9 +38,17 @@ void started(const std::string& givenOld, const std::string& givenNew,
                               trail::field("new_ascii", newName));
 }
 
+std::string postfixDetails(const mail::postfix::PostfixRenameResult& result) {
+  std::string details;
+  for (size_t i = 0; i < std::size(mail::postfix::kVirtualMaps); ++i)
+    details +=
+        trail::field(mapPlace(mail::postfix::kVirtualMaps[i]), std::to_string(result.records[i]));
+  return details + trail::field(kPlaceDirectory, result.directoryMoved ? "moved" : "already_moved");
+}
+
 void stepEnded(const char* step, const std::string& details) {
-  trail::line(LOG_INFO, "rename step" + trail::field("step", step) + trail::field("result", "ok") +
-                            details);
+  trail::line(LOG_INFO,
+              "rename step" + trail::field("step", step) + trail::field("result", "ok") + details);
 }
 
 void stepFailed(const char* step, const std::string& error) {
@@ -49,7 +56,10 @@ void stepFailed(const char* step, const std::string& error) {
                            trail::field("result", "failed") + trail::field("error", error));
 }
 
+bool isStarted() { return !g_old.empty(); }
+
 void ended(int status) {
+  if (!isStarted()) return;
   std::string text = "rename ended" + trail::field("status", std::to_string(status)) +
                      trail::field("old", g_old) + trail::field("new", g_new);
   if (status == 0) {

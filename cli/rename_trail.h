@@ -10,6 +10,8 @@
 
 #include <string>
 
+#include "mail/postfix/virtual_rename.h"
+
 namespace zanth {
 namespace cli {
 namespace rename_trail {
@@ -23,15 +25,23 @@ void refused(const std::string& error, const std::string& givenOld = "",
              const std::string& givenNew = "");
 
 // started - both names as given and as the rename writes them.
-void started(const std::string& givenOld, const std::string& givenNew,
-             const std::string& oldName, const std::string& newName);
+void started(const std::string& givenOld, const std::string& givenNew, const std::string& oldName,
+             const std::string& newName);
+
+// postfixDetails - the Postfix step's fields: records renamed per map and
+// the mail directory "moved" or "already_moved".
+std::string postfixDetails(const mail::postfix::PostfixRenameResult& result);
 
 // stepEnded / stepFailed - a step's end: details are further fields
 // (" key=value ..."), error the failure's message.
 void stepEnded(const char* step, const std::string& details = "");
 void stepFailed(const char* step, const std::string& error);
 
-// ended - the last line, with the exit status; only after started().
+// isStarted - started() was called: the rename may have changed places.
+bool isStarted();
+
+// ended - the last line, with the exit status; nothing before started()
+// (a rename to the same domain, which changes nothing).
 void ended(int status);
 
 }  // namespace rename_trail

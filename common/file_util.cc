@@ -277,14 +277,14 @@ int remove_tree(const char* path, int remove_top) {
   struct stat st;
   if (zanth::retryEintr([&] { return lstat(path, &st); }) != 0) {
     if (errno == ENOENT) return 0;
-    return failed("Unable to check directory entry %s: %s\n", path) ? 0 : -1;
+    failed("Unable to check directory entry %s: %s\n", path);
+    return -1;
   }
+  bool removed;
   if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode))
-    return unlink_tolerant(AT_FDCWD, path, "Unable to unlink entry %s: %s\n") ? 0 : -1;
-
-  // Everything else is taken for a directory.
-  const bool removed =
-      clear_dir(opendir(path), path) && (!remove_top || remove_empty_dir(AT_FDCWD, path));
+    removed = unlink_tolerant(AT_FDCWD, path, "Unable to unlink entry %s: %s\n");
+  else  // everything else is taken for a directory
+    removed = clear_dir(opendir(path), path) && (!remove_top || remove_empty_dir(AT_FDCWD, path));
   return removed ? 0 : -1;
 }
 

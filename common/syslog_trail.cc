@@ -3,7 +3,6 @@
 
 #include <signal.h>
 #include <sys/time.h>
-#include <time.h>
 
 #include <cerrno>
 
@@ -12,8 +11,11 @@ namespace trail {
 namespace {
 
 bool g_open = false;
+// Set once a send was cut short: the trail stays closed for the run.
+bool g_gaveUp = false;
+volatile sig_atomic_t g_interrupted = 0;
 
-extern "C" void interruptSend(int) {}
+extern "C" void interruptSend(int) { g_interrupted = 1; }
 
 // Arms a repeating SIGALRM for its lifetime, so that a send to a log
 // daemon that stopped reading returns EINTR instead of blocking (the
@@ -22,6 +24,7 @@ extern "C" void interruptSend(int) {}
 class SendLimit final {
  public:
   SendLimit() {
+    g_interrupted = 0;
     struct sigaction action {};
     action.sa_handler = interruptSend;
     sigemptyset(&action.sa_mask);
@@ -29,7 +32,6 @@ class SendLimit final {
     const long us = kSendLimitMs * 1000;
     const struct itimerval limit = {{0, us}, {0, us}};
     armed_ = armed_ && ::setitimer(ITIMER_REAL, &limit, &previousTimer_) == 0;
-    ::clock_gettime(CLOCK_MONOTONIC, &start_);
   }
   ~SendLimit() {
     ::setitimer(ITIMER_REAL, &previousTimer_, nullptr);
@@ -38,20 +40,13 @@ class SendLimit final {
   SendLimit(const SendLimit&) = delete;
   SendLimit& operator=(const SendLimit&) = delete;
 
-  // reached - the send took the whole limit (or could not be limited).
-  bool reached() const {
-    if (!armed_) return true;
-    struct timespec now;
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    const long ms = (now.tv_sec - start_.tv_sec) * 1000 + (now.tv_nsec - start_.tv_nsec) / 1000000;
-    return ms >= kSendLimitMs;
-  }
+  // reached - the limit ran out during the send (or could not be set).
+  bool reached() const { return !armed_ || g_interrupted != 0; }
 
  private:
   bool armed_ = false;
   struct sigaction previousAction_ {};
   struct itimerval previousTimer_ {};
-  struct timespec start_ {};
 };
 
 std::string folded(const std::string& text) {
@@ -72,7 +67,7 @@ bool needsQuotes(const std::string& value) {
 }  // namespace
 
 void open(const char* ident) {
-  if (g_open) return;
+  if (g_open || g_gaveUp) return;
   // No LOG_CONS or LOG_PERROR: a missing daemon must not change the output.
   ::openlog(ident, LOG_PID | LOG_NDELAY, LOG_MAIL);
   g_open = true;
@@ -82,22 +77,23 @@ bool isOpen() { return g_open; }
 
 void line(int priority, const std::string& text) {
   if (!g_open) return;
+  const std::string message = folded(text);
+  if (message.empty()) return;
   const int saved = errno;
   {
     const SendLimit limit;
-    ::syslog(priority, "%s", folded(text).c_str());
+    ::syslog(priority, "%s", message.c_str());
     if (limit.reached()) {
       // The daemon does not keep up: the rest of the run goes unlogged.
       ::closelog();
       g_open = false;
+      g_gaveUp = true;
     }
   }
   errno = saved;
 }
 
-void diagnostic(int priority, const std::string& text) {
-  if (!folded(text).empty()) line(priority, text);
-}
+void diagnostic(int priority, const std::string& text) { line(priority, text); }
 
 std::string field(const char* key, const std::string& value) {
   std::string out = std::string(" ") + key + "=";

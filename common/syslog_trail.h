@@ -25,17 +25,18 @@ namespace trail {
 constexpr long kSendLimitMs = 200;
 
 // open - from now on lines go to the system log under ident (kept for the
-// whole process), facility mail, with the process id.
+// whole process), facility mail, with the process id; nothing once the
+// trail has given up on a daemon that does not keep up.
 void open(const char* ident);
 
 // isOpen - the trail is open and has not given up.
 bool isOpen();
 
-// line - logs text as one line at priority, line ends folded to blanks.
+// line - logs text as one line at priority: trailing line ends dropped,
+// inner ones folded to blanks; nothing for an empty text.
 void line(int priority, const std::string& text);
 
-// diagnostic - logs a message the streams carry, once, without its
-// trailing line ends; nothing for an empty one.
+// diagnostic - logs a message the streams carry, once, as line() does.
 void diagnostic(int priority, const std::string& text);
 
 // field - " key=value"; the value in double quotes (with \" and \\) when

@@ -26,7 +26,7 @@ class TerminationBlock final {
   TerminationBlock() {
     sigset_t block;
     sigemptyset(&block);
-    for (int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&block, signal);
+    for (int signal : kTerminationSignals) sigaddset(&block, signal);
     ::sigprocmask(SIG_BLOCK, &block, &unblocked_);
   }
   ~TerminationBlock() { ::sigprocmask(SIG_SETMASK, &unblocked_, nullptr); }

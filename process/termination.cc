@@ -13,8 +13,6 @@ namespace zanth {
 namespace process {
 namespace {
 
-constexpr int kHeld[] = {SIGTERM, SIGINT, SIGHUP};
-
 volatile sig_atomic_t g_first = 0;
 volatile sig_atomic_t g_arrivals = 0;
 bool g_thrown = false;
@@ -54,11 +52,11 @@ TerminationSignal::TerminationSignal(int signal)
     : std::runtime_error(std::string("terminated by ") + signalName(signal)), signal_(signal) {}
 
 void holdTerminationSignals() {
-  for (int signal : kHeld) install(signal, recordSignal);
+  for (int signal : kTerminationSignals) install(signal, recordSignal);
   install(SIGPIPE, dropSignal);
   sigset_t unblock;
   sigemptyset(&unblock);
-  for (int signal : kHeld) sigaddset(&unblock, signal);
+  for (int signal : kTerminationSignals) sigaddset(&unblock, signal);
   sigaddset(&unblock, SIGPIPE);
   if (::sigprocmask(SIG_UNBLOCK, &unblock, nullptr) != 0) throw SystemError("sigprocmask");
 }

@@ -7,11 +7,16 @@
 #ifndef MXKEEP_PROCESS_TERMINATION_H
 #define MXKEEP_PROCESS_TERMINATION_H
 
+#include <signal.h>
+
 #include <ctime>
 #include <stdexcept>
 
 namespace zanth {
 namespace process {
+
+// The termination signals the rename holds.
+constexpr int kTerminationSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
 // The failure a held termination signal turns into at a step boundary.
 class TerminationSignal final : public std::runtime_error {

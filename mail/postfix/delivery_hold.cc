@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "common/errors.h"
-#include "process/file_str.h"
 #include "common/file_util.h"
 #include "common/fixed_paths.h"
 #include "common/syscall.h"
@@ -29,6 +28,7 @@
 #include "mail/postfix/mail_dirs.h"
 #include "mail/postfix/postfix_programs.h"
 #include "mail/postfix/virtual_check.h"
+#include "process/file_str.h"
 #include "process/termination.h"
 
 namespace zanth {
@@ -85,7 +85,7 @@ std::set<pid_t> childrenOf(pid_t parent) {
   return children;
 }
 
-// waitWhile - polls until done() or the deadline or a termination signal.
+// waitUntil - polls until done() or the deadline or a termination signal.
 template <class Done>
 void waitUntil(chrono::seconds deadline, Done done) {
   const auto end = chrono::steady_clock::now() + deadline;

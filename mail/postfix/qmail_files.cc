@@ -12,12 +12,12 @@
 #include <cstring>
 
 #include "common/errors.h"
-#include "process/file_str.h"
 #include "common/file_util.h"
 #include "common/idn.h"
 #include "common/orb_conf.h"
 #include "common/syscall.h"
 #include "mail/postfix/mail_dirs.h"
+#include "process/file_str.h"
 
 namespace {
 
