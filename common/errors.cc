@@ -223,10 +223,9 @@ void vreport_error(int exit_status, int flag, const char* format, va_list args) 
 }
 
 void report_fatal(const char* format, ...) {
-  constexpr int kFatalStatus = 1;
   va_list args;
   va_start(args, format);
-  vreport_error(kFatalStatus, 1, format, args);
+  vreport_error(kReportAndEnd, kReportFlagSet, format, args);
   va_end(args);
   std::abort();  // not reached: a non-zero status exits
 }

@@ -116,10 +116,18 @@ class IdnaError final : public std::exception {
 }  // namespace idn
 }  // namespace zanth
 
+// The reporting tiers of the procedural code, as report_error's exit_status:
+// a warning prints and returns to the caller, a fatal prints and ends the
+// process with status 1.
+constexpr int kReportAndGoOn = 0;
+constexpr int kReportAndEnd = 1;
+// report_error's flag changes nothing; call sites pass one of these.
+constexpr int kReportFlag = 0;
+constexpr int kReportFlagSet = 1;
+
 // Procedural reporter. Formats the message, appends "\nSystem error %d: %s"
 // when errno was set on entry, prints it to standard error and standard
-// output, and exits with exit_status when that is non-zero. `flag` is kept
-// for the callers' sake and not used.
+// output, and exits with exit_status when that is non-zero.
 void report_error(int exit_status, int flag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void vreport_error(int exit_status, int flag, const char* format, va_list args)

@@ -43,13 +43,13 @@ int ensure_dir(const char* path) {
 // reported and passed over.
 void own_new_dir(const char* path, uid_t uid, gid_t gid) {
   if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0)
-    report_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlagSet, "Cannot chown %s: %s", path, std::strerror(errno));
 }
 
 // failed - reports a failure of the tree helpers as an error the caller
 // goes on from (it fails its own operation); always false.
 bool failed(const char* format, const char* name) {
-  report_error(0, 0, format, name, std::strerror(errno));
+  report_error(kReportAndGoOn, kReportFlag, format, name, std::strerror(errno));
   return false;
 }
 
@@ -79,7 +79,7 @@ int open_empty(int dir, const char* name, const char* path, int extra_flags,
   int fd = zanth::retryEintr([&] {
     return openat(dir, name, O_WRONLY | O_CREAT | O_CLOEXEC | extra_flags, kFileMode);
   });
-  if (fd < 0) report_error(0, 0, message, path, std::strerror(errno));
+  if (fd < 0) report_error(kReportAndGoOn, kReportFlag, message, path, std::strerror(errno));
   return fd;
 }
 
@@ -207,11 +207,12 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   zanth::UniqueFd fd(zanth::retryEintr(
       [&] { return open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); }));
   if (fd.get() < 0) {
-    report_error(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, "Unable to open file %s: %s\n", path,
+                 std::strerror(errno));
     return -1;
   }
   if (!zanth::isRegularFile(fd.get())) {
-    report_error(0, 0, "Unable to open file %s: not a regular file\n", path);
+    report_error(kReportAndGoOn, kReportFlag, "Unable to open file %s: not a regular file\n", path);
     return -1;
   }
   // The whole first line is read, however long: the white space around it
@@ -227,7 +228,7 @@ int read_first_line(char* buffer, size_t size, const char* path) {
       char* grown = static_cast<char*>(std::malloc(2 * capacity));
       if (grown == nullptr) {
         release();
-        report_error(0, 0, "Unable to read line from file: %s\n", path);
+        report_error(kReportAndGoOn, kReportFlag, "Unable to read line from file: %s\n", path);
         return -1;
       }
       std::memcpy(grown, line, length);
@@ -238,7 +239,7 @@ int read_first_line(char* buffer, size_t size, const char* path) {
     ssize_t n = zanth::retryEintr([&] { return read(fd.get(), line + length, capacity - length); });
     if (n < 0) {
       release();
-      report_error(0, 0, "Unable to read line from file: %s\n", path);
+      report_error(kReportAndGoOn, kReportFlag, "Unable to read line from file: %s\n", path);
       return -1;
     }
     if (n == 0) break;
@@ -264,7 +265,7 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   if (trimmed >= size) {
     release();
     errno = 0;  // a short buffer is no system error
-    report_error(0, 0, "The buffer too short\n");
+    report_error(kReportAndGoOn, kReportFlag, "The buffer too short\n");
     return -1;
   }
   std::memcpy(buffer, start, trimmed);
@@ -303,18 +304,20 @@ int set_owner_by_name(const char* path, const char* user, mode_t mode) {
   errno = 0;
   const struct passwd* pw = getpwnam(user);
   if (pw == nullptr) {
-    report_error(0, 0, "user %s not found", user);
+    report_error(kReportAndGoOn, kReportFlag, "user %s not found", user);
     return -1;
   }
   struct stat st;
   zanth::UniqueFd fd(open_unshared(path, &st));
   if (fd.get() < 0 ||
       zanth::retryEintr([&] { return fchown(fd.get(), pw->pw_uid, pw->pw_gid); }) != 0) {
-    report_error(0, 0, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, "ERROR: unable to chown %s: %s\n", path,
+                 std::strerror(errno));
     return -1;
   }
   if (zanth::retryEintr([&] { return fchmod(fd.get(), mode); }) != 0) {
-    report_error(0, 0, "ERROR: unable to chmod %s: %s\n", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, "ERROR: unable to chmod %s: %s\n", path,
+                 std::strerror(errno));
     return -1;
   }
   return 0;

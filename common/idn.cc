@@ -149,11 +149,11 @@ const char* idn_url_toascii(const char* url) {
   if (rc != 0) {
     char text[4096];
     regerror(rc, &re, text, sizeof text);
-    report_error(0, 0, "regexec() failed: %s", text);
+    report_error(kReportAndGoOn, kReportFlag, "regexec() failed: %s", text);
     return nullptr;
   }
   if (m[3].rm_so < 0) {
-    report_error(0, 0, "no hostname found in URL");
+    report_error(kReportAndGoOn, kReportFlag, "no hostname found in URL");
     return nullptr;
   }
   auto part = [url, &m](int i) {
@@ -166,14 +166,14 @@ const char* idn_url_toascii(const char* url) {
   if (rc != IDNA_SUCCESS) {
     idn_last_error = rc;
     std::free(ascii);
-    report_error(0, 0, "idn_toascii() failed: %s", idn_strerror(rc));
+    report_error(kReportAndGoOn, kReportFlag, "idn_toascii() failed: %s", idn_strerror(rc));
     return nullptr;
   }
   int n = std::snprintf(buffer, sizeof buffer, "%s%s%s%s", part(1).c_str(), part(2).c_str(),
                         ascii, part(4).c_str());
   std::free(ascii);
   if (n < 0 || static_cast<size_t>(n) >= sizeof buffer) {
-    report_error(0, 0, "URL is too long to be converted: %s", url);
+    report_error(kReportAndGoOn, kReportFlag, "URL is too long to be converted: %s", url);
     return nullptr;
   }
   return buffer;

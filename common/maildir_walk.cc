@@ -84,12 +84,13 @@ int subfolders_mtime(const char* maildir, const char* folder, time_t* newest) {
                                                        folder, sub);
     if (!fits) {
       errno = ENAMETOOLONG;
-      report_error(0, 0, "Maildir subfolder '%s' name too long to fit the allowed buffer", sub);
+      report_error(kReportAndGoOn, kReportFlag,
+                   "Maildir subfolder '%s' name too long to fit the allowed buffer", sub);
       return -1;
     }
     struct stat st;
     if (zanth::retryEintr([&] { return ::stat(path, &st); }) != 0) {
-      report_error(0, 0, "Maildir subfolder '%s' stat failed", sub);
+      report_error(kReportAndGoOn, kReportFlag, "Maildir subfolder '%s' stat failed", sub);
       errno = EIO;
       return -1;
     }
@@ -110,8 +111,8 @@ bool is_folder_dir(const char* maildir, const struct dirent* entry) {
     return false;
   if (S_ISDIR(st.st_mode)) return true;
   char cwd[zanth::kPathMax];
-  report_error(0, 0, "Bad/unrecognized entry %s within Maildir folder %s\n", entry->d_name,
-               ::getcwd(cwd, sizeof cwd) != nullptr ? cwd : maildir);
+  report_error(kReportAndGoOn, kReportFlag, "Bad/unrecognized entry %s within Maildir folder %s\n",
+               entry->d_name, ::getcwd(cwd, sizeof cwd) != nullptr ? cwd : maildir);
   return false;
 }
 
@@ -178,7 +179,8 @@ int maildir_newest_folder_mtime(const char* maildir, time_t* newest) {
   if (subfolders_mtime(maildir, nullptr, newest) != 0) return -1;
   zanth::UniqueDir dir(::opendir(maildir));
   if (dir.get() == nullptr) {
-    report_error(0, 0, "Unable to open Maildir folder. Has it just been removed?");
+    report_error(kReportAndGoOn, kReportFlag,
+                 "Unable to open Maildir folder. Has it just been removed?");
     return -1;
   }
   for (const struct dirent* entry; (entry = ::readdir(dir.get())) != nullptr;) {

@@ -265,7 +265,8 @@ int orb_conf_load() {
   }
   conf_table* table = conf_new();
   if (table == nullptr) {
-    report_error(0, 0, "Not enough memory to allocate Zanth runtime configuration structure\n");
+    report_error(kReportAndGoOn, kReportFlag,
+                 "Not enough memory to allocate Zanth runtime configuration structure\n");
     return -1;
   }
   if (conf_read(kOrbConfPath, table) != 0) {
@@ -300,8 +301,9 @@ const char* orb_conf_get_by_name(const char* name) {
   }
   // Whatever errno a failed load left behind says nothing about this.
   errno = 0;
-  report_error(0, 0, "variable '%s' isn't found neither in %s nor in compile-time defaults\n",
-               name, kOrbConfPath);
+  report_error(kReportAndGoOn, kReportFlag,
+               "variable '%s' isn't found neither in %s nor in compile-time defaults\n", name,
+               kOrbConfPath);
   return nullptr;
 }
 

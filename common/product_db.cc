@@ -20,7 +20,6 @@ namespace {
 constexpr char kHost[] = "localhost";
 constexpr char kUser[] = "admin";
 constexpr char kDatabase[] = "orb";
-constexpr int kReportOnly = 0;  // report_error status that returns
 constexpr size_t kConnectErrorSize = 1024;
 
 // Stands in for the server's text when the SQL did not fit the buffer.
@@ -98,7 +97,7 @@ Fetched SingleQuery::run(const char* format, ...) {
     conn_ = own_.get();
     if (conn_ == nullptr) {
       g_query[0] = '\0';
-      report_error(kReportOnly, 0, "%s", connect_failure_);
+      report_error(kReportAndGoOn, kReportFlag, "%s", connect_failure_);
       return last_ = Fetched::kNoConnection;
     }
   }
@@ -249,7 +248,8 @@ const char* db_query_value(const char* sql, MYSQL* conn) {
   Fetched f = q.run("%s", sql);
   if (f == Fetched::kValue) return g_query;
   if (f != Fetched::kNoConnection)
-    report_error(kReportOnly, 0, "Unable to query parameter by query %s: %s\n", sql, q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query parameter by query %s: %s\n", sql,
+                 q.error());
   return nullptr;
 }
 
@@ -259,7 +259,7 @@ const char* db_select_value(const char* value, const char* table, const char* ke
   if (!zanth::path_format(sql, sizeof sql, "select %s from %s where %s='%s'", result_column,
                           table, key_column, value)) {
     g_query[0] = '\0';
-    report_error(kReportOnly, 0, "Unable to query parameter by query %s: %s\n", sql,
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query parameter by query %s: %s\n", sql,
                  kQueryTooLong);
     return nullptr;
   }
@@ -275,7 +275,8 @@ const char* db_get_dom_param(const char* dom_id, const char* param, MYSQL* conn)
   Fetched f = q.run("select val from dom_param where dom_id='%s' and param='%s'", dom_id, param);
   if (f == Fetched::kValue) return g_query;
   if (f != Fetched::kNoConnection)
-    report_error(kReportOnly, 0, "Unable to query domain parameter %s: %s\n", param, q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query domain parameter %s: %s\n", param,
+                 q.error());
   return nullptr;
 }
 
@@ -288,7 +289,8 @@ const char* db_get_dom_service_param(const char* dom_id, const char* type, const
       dom_id, type, param);
   if (f == Fetched::kValue) return g_query;
   if (f != Fetched::kNoConnection)
-    report_error(kReportOnly, 0, "Unable to query domain parameter %s: %s\n", param, q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query domain parameter %s: %s\n", param,
+                 q.error());
   return nullptr;
 }
 
@@ -300,7 +302,8 @@ const char* db_get_dom_limit(const char* dom_id, const char* limit_name, MYSQL* 
       dom_id, limit_name);
   if (f == Fetched::kValue) return g_query;
   if (f != Fetched::kNoConnection)
-    report_error(kReportOnly, 0, "Unable to query domain limit %s: %s\n", limit_name, q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query domain limit %s: %s\n", limit_name,
+                 q.error());
   return nullptr;
 }
 
@@ -313,13 +316,14 @@ const char* db_get_owner_email(const char* dom_id, MYSQL* conn) {
   if (f == Fetched::kValue && g_query[0] != '\0') return g_query;
   if (f == Fetched::kNoConnection) return nullptr;
   if (f == Fetched::kFailed || f == Fetched::kTooLong) {
-    report_error(kReportOnly, 0, "Unable to define clients email: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to define clients email: %s\n", q.error());
     return nullptr;
   }
   // A domain without a client's address is the administrator's.
   f = q.run("select val from misc where param='%s'", "admin_email");
   if (f == Fetched::kValue && g_query[0] != '\0') return g_query;
-  if (f != Fetched::kNoConnection) report_error(kReportOnly, 0, "Unable to define admin email\n");
+  if (f != Fetched::kNoConnection)
+    report_error(kReportAndGoOn, kReportFlag, "Unable to define admin email\n");
   g_query[0] = '\0';
   return nullptr;
 }
@@ -331,14 +335,14 @@ int db_get_domain_status(const char* dom_id, unsigned int* status, MYSQL* conn) 
     case Fetched::kNoConnection:
       return -1;
     case Fetched::kNoRow:
-      report_error(kReportOnly, 0,
+      report_error(kReportAndGoOn, kReportFlag,
                    "Unable to get status for domain with id=\"%s\": such domain is not exist.",
                    dom_id);
       return -1;
     case Fetched::kFailed:
     case Fetched::kTooLong:
-      report_error(kReportOnly, 0, "Unable to get status for domain with id=\"%s\": %s", dom_id,
-                   q.error());
+      report_error(kReportAndGoOn, kReportFlag,
+                   "Unable to get status for domain with id=\"%s\": %s", dom_id, q.error());
       return -1;
     case Fetched::kNull:
     case Fetched::kValue:
@@ -350,7 +354,7 @@ int db_get_domain_status(const char* dom_id, unsigned int* status, MYSQL* conn) 
   bool digits = f == Fetched::kValue && g_query[0] >= '0' && g_query[0] <= '9';
   if (digits) value = std::strtoull(g_query, &end, 10);
   if (!digits || *end != '\0' || errno == ERANGE || value > UINT_MAX) {
-    report_error(kReportOnly, 0,
+    report_error(kReportAndGoOn, kReportFlag,
                  "Unable to get status for domain with id=\"%s\": error translate status value "
                  "from char to unsigned int.",
                  dom_id);
@@ -371,7 +375,8 @@ int db_get_frontpage_flags(const char* dom_name, int* fp, int* fp_ssl, MYSQL* co
         columns[i], dom_name);
     if (f == Fetched::kNoConnection) return -1;
     if (f != Fetched::kValue && f != Fetched::kNull) {
-      report_error(kReportOnly, 0, "Unable to query frontpage status: %s\n", q.error());
+      report_error(kReportAndGoOn, kReportFlag, "Unable to query frontpage status: %s\n",
+                   q.error());
       return -1;
     }
     flags[i] = std::strcmp(g_query, "true") == 0 ? 1 : 0;
@@ -384,18 +389,19 @@ int db_get_frontpage_flags(const char* dom_name, int* fp, int* fp_ssl, MYSQL* co
 long long db_get_dom_id(const char* name, MYSQL* conn) {
   char* ascii = idn_toascii(name);
   if (ascii == nullptr) {
-    report_error(kReportOnly, 0, "idn_toascii() failed: %s", idn_strerror(idn_last_error));
+    report_error(kReportAndGoOn, kReportFlag, "idn_toascii() failed: %s",
+                 idn_strerror(idn_last_error));
     return -1;
   }
   SingleQuery q(conn, kConnectFailure);
   Fetched f = q.run("select id from domains where name='%s'", ascii);
   long long id = f == Fetched::kValue ? parse_id(g_query) : -1;
   if (fetched_row_missing(f)) {
-    report_error(kReportOnly, 0, "get_dom_id(): domains record not found in DB for '%s'\n",
-                 ascii);
+    report_error(kReportAndGoOn, kReportFlag,
+                 "get_dom_id(): domains record not found in DB for '%s'\n", ascii);
     id = 0;
   } else if (f != Fetched::kNoConnection && id < 0) {
-    report_error(kReportOnly, 0, "Unable to query domain ID: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query domain ID: %s\n", q.error());
   }
   std::free(ascii);
   return id;
@@ -405,13 +411,13 @@ long long db_get_dom_id_by_alias(const char* alias, MYSQL* conn) {
   SingleQuery q(conn, "get_do_id_by_alias: Unable to connect to the mysql database");
   Fetched f = q.run("SELECT dom_id from domainaliases where name='%s'", alias);
   if (f == Fetched::kTooLong) {
-    report_error(kReportOnly, 0, "domain alias '%s' is too long\n", alias);
+    report_error(kReportAndGoOn, kReportFlag, "domain alias '%s' is too long\n", alias);
     return -1;
   }
   if (fetched_row_missing(f)) return 0;
   long long id = f == Fetched::kValue ? parse_id(g_query) : -1;
   if (f != Fetched::kNoConnection && id < 0)
-    report_error(kReportOnly, 0, "SQL query error: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "SQL query error: %s\n", q.error());
   return id;
 }
 
@@ -424,7 +430,7 @@ long long db_get_client_id(const char* dom_id, MYSQL* conn) {
   long long id = f == Fetched::kValue ? parse_id(g_query) : -1;
   if (fetched_row_missing(f)) id = 0;
   if (f != Fetched::kNoConnection && id <= 0)
-    report_error(kReportOnly, 0, "Unable to define client's ID: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to define client's ID: %s\n", q.error());
   return id;
 }
 
@@ -434,7 +440,7 @@ long long db_get_dns_zone_id(const char* dom_id, MYSQL* conn) {
   long long id = f == Fetched::kValue ? parse_id(g_query) : -1;
   if (fetched_row_missing(f)) id = 0;
   if (f != Fetched::kNoConnection && id <= 0)
-    report_error(kReportOnly, 0, "Unable to query dns_zone_id: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query dns_zone_id: %s\n", q.error());
   return id;
 }
 
@@ -444,7 +450,7 @@ long long db_get_max_id(const char* table, MYSQL* conn) {
   if (f == Fetched::kNull) return 0;
   long long id = f == Fetched::kValue ? parse_id(g_query) : -1;
   if (f != Fetched::kNoConnection && id < 0)
-    report_error(kReportOnly, 0, "Unable to define max id: %s", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to define max id: %s", q.error());
   return id;
 }
 
@@ -453,7 +459,7 @@ int db_domain_exists(const char* name, MYSQL* conn) {
   Fetched f = q.run("select name from domains where name='%s'", name);
   if (f == Fetched::kNoConnection) return -1;
   if (f == Fetched::kFailed || f == Fetched::kTooLong) {
-    report_error(kReportOnly, 0, "Unable to query domain name: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query domain name: %s\n", q.error());
     return -1;
   }
   return f == Fetched::kNoRow ? 0 : 1;
@@ -467,13 +473,13 @@ int db_has_www_prefix(const char* dom_id, MYSQL* conn) {
       dom_id);
   if (f == Fetched::kNoConnection) return -1;
   if (f == Fetched::kFailed || f == Fetched::kTooLong) {
-    report_error(kReportOnly, 0, "Unable to query www prefix: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query www prefix: %s\n", q.error());
     return -1;
   }
   if (f != Fetched::kNoRow) return 1;
   f = q.run("select * from subdomains \t\t\twhere dom_id='%s' and name='www'", dom_id);
   if (f == Fetched::kFailed || f == Fetched::kTooLong) {
-    report_error(kReportOnly, 0, "Unable to query www subdomain: %s\n", q.error());
+    report_error(kReportAndGoOn, kReportFlag, "Unable to query www subdomain: %s\n", q.error());
     return -1;
   }
   return f == Fetched::kNoRow ? 0 : 1;

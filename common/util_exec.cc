@@ -23,7 +23,6 @@
 
 namespace {
 
-constexpr int kReportOnly = 0;       // report_error status that returns
 constexpr size_t kCaptureStep = 4096;
 constexpr int kQuietPollMs = 1000;   // silence after which the child is polled
 constexpr size_t kErrorBlock = 4095;
@@ -219,9 +218,9 @@ int exec_capture_report(const char* path, char* const argv[], int quiet) {
       std::fputs(out, stderr);
     }
     if (err != nullptr && *err != '\0')
-      report_error(kReportOnly, 0, "%s execution failed:\n%s", path, err);
+      report_error(kReportAndGoOn, kReportFlag, "%s execution failed:\n%s", path, err);
     else
-      report_error(kReportOnly, 0, "%s execution failed (no output)", path);
+      report_error(kReportAndGoOn, kReportFlag, "%s execution failed (no output)", path);
   }
   std::free(out);
   std::free(err);
@@ -232,7 +231,7 @@ int exec_capture_report(const char* path, char* const argv[], int quiet) {
 // reported, when it does not fit.
 static bool utility_path(char* path, const char* root, const char* sub, const char* name) {
   if (zanth::path_format(path, zanth::kPathMax, "%s%s/%s", root, sub, name)) return true;
-  report_error(kReportOnly, 0, "Utility '%s' path is too long", name);
+  report_error(kReportAndGoOn, kReportFlag, "Utility '%s' path is too long", name);
   return false;
 }
 
@@ -248,7 +247,7 @@ int exec_capture_report_va(const char* path, ...) {
 int admin_util_exec(const char* name, ...) {
   errno = 0;  // a refused name is no system error
   if (std::strchr(name, '/') != nullptr) {
-    report_error(kReportOnly, 0,
+    report_error(kReportAndGoOn, kReportFlag,
                  "Utility name '%s' is invalid. Use only utility name without path.", name);
     return -1;
   }
@@ -276,8 +275,8 @@ int util_exec(int in, int out, const char* path, char* const argv[]) {
   // The child closes its own standard streams before putting the given
   // descriptors in place, so it cannot inherit the caller's.
   if (in == fileno(stdin) || out == fileno(stdout)) {
-    report_error(kReportOnly, 0, "util_exec: standard input and output of '%s' must be redirected",
-                 path);
+    report_error(kReportAndGoOn, kReportFlag,
+                 "util_exec: standard input and output of '%s' must be redirected", path);
     return -1;
   }
   int err_pipe[2];
@@ -317,7 +316,7 @@ int util_exec(int in, int out, const char* path, char* const argv[]) {
     ssize_t n = zanth::retryEintr([&] { return ::read(err_read.get(), block, kErrorBlock); });
     if (n <= 0) break;
     block[n] = '\0';
-    report_error(kReportOnly, 0, "%s", block);
+    report_error(kReportAndGoOn, kReportFlag, "%s", block);
     std::fflush(stderr);
   }
   err_read.reset();
@@ -325,16 +324,18 @@ int util_exec(int in, int out, const char* path, char* const argv[]) {
 
   int status = 0;
   if (zanth::retryEintr([&] { return ::waitpid(pid, &status, WUNTRACED); }) < 0) {
-    report_error(kReportOnly, 0, "Error occured during waiting the child process with pid: %d: %s\n",
+    report_error(kReportAndGoOn, kReportFlag,
+                 "Error occured during waiting the child process with pid: %d: %s\n",
                  static_cast<int>(pid), std::strerror(errno));
     return -1;
   }
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSTOPPED(status)) {
-    report_error(kReportOnly, 0, "The child process with pid %d stopped by signal %i\n",
-                 static_cast<int>(pid), WSTOPSIG(status));
+    report_error(kReportAndGoOn, kReportFlag,
+                 "The child process with pid %d stopped by signal %i\n", static_cast<int>(pid),
+                 WSTOPSIG(status));
   } else {
-    report_error(kReportOnly, 0, "The child process with pid %d killed by signal %i\n",
+    report_error(kReportAndGoOn, kReportFlag, "The child process with pid %d killed by signal %i\n",
                  static_cast<int>(pid), WTERMSIG(status));
   }
   return -1;
@@ -405,11 +406,11 @@ int popen_exec_report(const char* command) {
   char* out = nullptr;
   int code = popen_exec(command, &out);
   if (code == -1) {
-    report_error(kReportOnly, 0, "popen_exec: failed to execute command: %s\n",
+    report_error(kReportAndGoOn, kReportFlag, "popen_exec: failed to execute command: %s\n",
                  std::strerror(errno));
   } else if (code != 0) {
     errno = 0;  // a failing command is not a system error
-    report_error(kReportOnly, 0, "popen_exec: command failed code: %d , %s\n", code,
+    report_error(kReportAndGoOn, kReportFlag, "popen_exec: command failed code: %d , %s\n", code,
                  out != nullptr && *out != '\0' ? out : "error: none");
   }
   std::free(out);

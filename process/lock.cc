@@ -91,7 +91,7 @@ LockHandle* lock_file(const char* name, int hashed, int operation) {
   });
   if (handle->fd < 0) {
     zanth::ErrnoSaver keep;
-    report_error(0, 0, "Unable to open file \"%s\": %s.", handle->path,
+    report_error(kReportAndGoOn, kReportFlag, "Unable to open file \"%s\": %s.", handle->path,
                  std::strerror(keep.value()));
     return handle;
   }

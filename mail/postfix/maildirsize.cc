@@ -96,12 +96,12 @@ int write_quota_file(zanth::UniqueFd& fd, uid_t uid, gid_t gid, long long quota_
     return -1;
   }
   if (zanth::writeFully(fd.get(), text, static_cast<size_t>(n)) != 0) {
-    report_error(0, 0, "unable to write data to file");
+    report_error(kReportAndGoOn, kReportFlag, "unable to write data to file");
     return -1;
   }
   if (zanth::retryEintr([&] { return ::fsync(fd.get()); }) != 0 ||
       zanth::closeDescriptor(fd.release()) != 0) {
-    report_error(0, 0, "unable to commit written data to file");
+    report_error(kReportAndGoOn, kReportFlag, "unable to commit written data to file");
     return -1;
   }
   return 0;
@@ -123,7 +123,7 @@ void report_condition(const char* format, ...) {
   va_list args;
   va_start(args, format);
   errno = 0;
-  vreport_error(0, 0, format, args);
+  vreport_error(kReportAndGoOn, kReportFlag, format, args);
   va_end(args);
 }
 
@@ -157,7 +157,8 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
   const size_t length = std::strlen(ascii.get());
   const zanth::UniqueCString buffer(static_cast<char*>(std::malloc(2 * length + 1)));
   if (!buffer) {
-    report_error(0, 0, "unable to allocate memory to properly escape %s", domain);
+    report_error(kReportAndGoOn, kReportFlag, "unable to allocate memory to properly escape %s",
+                 domain);
     return false;
   }
   const unsigned long n = mysql_real_escape_string(db.get(), buffer.get(), ascii.get(), length);
@@ -185,7 +186,7 @@ bool sql_with(const char* head, const std::string& escaped, const char* tail, st
     sql = std::string(head) + escaped + tail;
     return true;
   } catch (const std::bad_alloc&) {
-    report_error(0, 0, "domain name is too long to fit query buffer");
+    report_error(kReportAndGoOn, kReportFlag, "domain name is too long to fit query buffer");
     return false;
   }
 }
@@ -200,7 +201,7 @@ long long maildirsize_quota_to_write(long long quota) {
 int maildirsize_open_tmp(char* buffer, size_t size) {
   char host[kHostNameSize];
   if (::gethostname(host, sizeof host) != 0) {
-    report_error(0, 0, "Unable to receive hostname");
+    report_error(kReportAndGoOn, kReportFlag, "Unable to receive hostname");
     return -1;
   }
   host[sizeof host - 1] = '\0';
@@ -209,7 +210,7 @@ int maildirsize_open_tmp(char* buffer, size_t size) {
                             static_cast<unsigned long>(std::time(nullptr)),
                             static_cast<unsigned>(::getpid()), host)) {
       errno = ENAMETOOLONG;
-      report_error(0, 0, "host name is too long to be used in filename");
+      report_error(kReportAndGoOn, kReportFlag, "host name is too long to be used in filename");
       return -1;
     }
     // Only a new file is opened: the mail user owns tmp/ and may plant a
@@ -233,7 +234,8 @@ int maildirsize_open_tmp(char* buffer, size_t size) {
     sleep_fully(kTmpRetrySeconds);
   }
   errno = EAGAIN;
-  report_error(0, 0, "Maximal allowed number of attempts to create a maildirsize file exceeded");
+  report_error(kReportAndGoOn, kReportFlag,
+               "Maximal allowed number of attempts to create a maildirsize file exceeded");
   return -1;
 }
 
@@ -276,23 +278,25 @@ int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) 
   if (!zanth::path_format(path, sizeof path, "%s/%s/%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
                           ascii.get(), mailbox)) {
     errno = ENAMETOOLONG;
-    report_error(0, 0, "domain and/or user name too long to be stored on the filesystem");
+    report_error(kReportAndGoOn, kReportFlag,
+                 "domain and/or user name too long to be stored on the filesystem");
     return 0;
   }
   zanth::WorkingDirectoryGuard cwd;
   if (!cwd.saved()) {
-    report_error(0, 0, "unable to get current working directory");
+    report_error(kReportAndGoOn, kReportFlag, "unable to get current working directory");
     return 0;
   }
   if (zanth::retryEintr([&] { return ::chdir(path); }) != 0) {
-    report_error(0, 0, "unable to change to mbox folder %s: %s", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, "unable to change to mbox folder %s: %s", path,
+                 std::strerror(errno));
     return 0;
   }
   long long attachments = 0;
   if (quota >= 0) {
     const int found = attachments_size(&attachments);
     if (found < 0) {
-      report_error(0, 0, "unable to count attachments folder size");
+      report_error(kReportAndGoOn, kReportFlag, "unable to count attachments folder size");
       return 0;
     }
     quota -= attachments;
@@ -338,8 +342,9 @@ int domain_set_default_quota(const char* domain, long long quota) {
   for (MYSQL_ROW row; (row = mysql_fetch_row(mailboxes.get())) != nullptr;) {
     if (row[0] == nullptr || parse_quota(row[1]) != -1) continue;  // its own quota
     if (!mailbox_set_quota(domain, row[0], quota)) {
-      report_error(0, 0, "unable to set default mbox quota for domain '%s' (processing '%s')",
-                   domain, row[0]);
+      report_error(kReportAndGoOn, kReportFlag,
+                   "unable to set default mbox quota for domain '%s' (processing '%s')", domain,
+                   row[0]);
       return 0;
     }
   }

@@ -39,7 +39,7 @@ int refuse(int cause, const char* format, ...) {
   va_list args;
   va_start(args, format);
   errno = 0;
-  vreport_error(0, 0, format, args);
+  vreport_error(kReportAndGoOn, kReportFlag, format, args);
   va_end(args);
   errno = cause;
   return -1;
@@ -77,7 +77,7 @@ zanth::UniqueCString forward_line(const char* address, const char* line_end,
   }
   char* line = nullptr;
   if (asprintf(&line, "&%s%s", ascii.get(), line_end) < 0) {
-    report_error(0, 0, asprintf_failure, ascii.get(), std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, asprintf_failure, ascii.get(), std::strerror(errno));
     return zanth::UniqueCString();
   }
   return zanth::UniqueCString(line);
@@ -89,7 +89,7 @@ int set_delivery_owner(const char* path) { return set_owner_by_name(path, kOwner
 int edit(const char* path, const char* const* remove, size_t count, const char* add,
          const char* failure) {
   if (file_str_edit(path, remove, count, add) != 0) {
-    report_error(0, 0, failure, path);
+    report_error(kReportAndGoOn, kReportFlag, failure, path);
     return -1;
   }
   return set_delivery_owner(path);
@@ -137,12 +137,13 @@ int mailname_home_path(char* buf, size_t size, const char* mailname, const char*
 int qmail_write_discard(const char* path) {
   zanth::ReplacementFile file(path);
   if (!file.open()) {
-    report_error(0, 0, "Unable to open %s: %s", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, "Unable to open %s: %s", path, std::strerror(errno));
     return -1;
   }
   if (!file.write(kDiscardLine) || !file.commit(kMode)) {
     file.discard();
-    report_error(0, 0, "Unable to write to %s: %s", path, std::strerror(errno));
+    report_error(kReportAndGoOn, kReportFlag, "Unable to write to %s: %s", path,
+                 std::strerror(errno));
     return -1;
   }
   return set_delivery_owner(path);
