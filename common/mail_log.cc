@@ -35,33 +35,39 @@ void mail_log_default(int priority, const char* format, ...) {
 
 namespace {
 
-// What mail_log said while a MailLogCapture lives, "; "-joined.
-std::string g_captured;
-
-void captureMessage(int, const char* format, ...) {
-  char text[4096];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  std::string message(text);
-  while (!message.empty() && message.back() == '\n') message.pop_back();
-  if (message.empty()) return;
-  if (!g_captured.empty()) g_captured += "; ";
-  g_captured += message;
-}
+MailLogCapture* g_capture = nullptr;  // the innermost one living
 
 }  // namespace
 
-MailLogCapture::MailLogCapture() : saved_(mail_log) {
-  g_captured.clear();
-  mail_log = captureMessage;
+MailLogCapture::MailLogCapture(Keep keep) : keep_(keep), savedHook_(mail_log), outer_(g_capture) {
+  g_capture = this;
+  mail_log = receive;
 }
 
-MailLogCapture::~MailLogCapture() { mail_log = saved_; }
+MailLogCapture::~MailLogCapture() {
+  g_capture = outer_;
+  mail_log = savedHook_;
+}
+
+void MailLogCapture::receive(int priority, const char* format, ...) {
+  zanth::ErrnoSaver keep_errno;
+  va_list args;
+  va_start(args, format);
+  std::string text = zanth::formatted(format, args);
+  va_end(args);
+  const Keep keep = g_capture->keep_;
+  if (keep == Keep::kAll || (keep == Keep::kPrinted && priority <= mail_log_threshold))
+    g_capture->messages_.push_back(MailLogMessage{priority, std::move(text)});
+}
 
 std::string MailLogCapture::take() {
-  std::string text;
-  text.swap(g_captured);
-  return text;
+  std::string joined;
+  for (const MailLogMessage& message : messages_) {
+    const size_t end = message.text.find_last_not_of('\n');
+    if (end == std::string::npos) continue;
+    if (!joined.empty()) joined += "; ";
+    joined.append(message.text, 0, end + 1);
+  }
+  messages_.clear();
+  return joined;
 }

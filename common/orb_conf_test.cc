@@ -20,7 +20,7 @@ using namespace testing_support;
 // What the module logged, as "priority:message|" each.
 std::string logged() {
   std::string all;
-  for (const std::string& message : captured_log) all += message + "|";
+  for (const std::string& message : captured_log()) all += message + "|";
   return all;
 }
 
@@ -33,15 +33,14 @@ class OrbConf : public ::testing::Test {
   }
   void TearDown() override {
     reset();
-    mail_log = mail_log_default;
+    log_capture.reset();
     mail_log_threshold = savedThreshold_;
   }
   // No file, nothing loaded, an empty log that captures what follows.
   static void reset() {
     unlink(kOrbConfPath);
     orb_conf_unload();
-    captured_log.clear();
-    mail_log = captureMailLog;
+    startLogCapture();
   }
 
  private:

@@ -49,12 +49,11 @@ struct ScratchDb {
     mail_auth_set_path(path.c_str());
     if (mail_auth_recreate() != 0) throw std::runtime_error("cannot create " + path);
     sqlRows(path, seed);
-    captured_log.clear();
-    mail_log = testing_support::captureMailLog;
+    testing_support::startLogCapture();
   }
   ~ScratchDb() {
     mail_auth_set_path(saved_path);
-    mail_log = mail_log_default;
+    testing_support::log_capture.reset();
   }
   Rows rows(const std::string& sql) const { return sqlRows(path, sql); }
 

@@ -30,10 +30,9 @@ class HandlerStore : public ::testing::Test {
     ASSERT_EQ(0, testing_support::shell("rm -rf /opt/orb/handlers " + kRefreshLog + " " +
                                         kHandlersRefreshProgram + " && mkdir -p " + kInfo)
                      .exitCode());
-    captured_log.clear();
-    mail_log = testing_support::captureMailLog;
+    testing_support::startLogCapture();
   }
-  void TearDown() override { mail_log = mail_log_default; }
+  void TearDown() override { testing_support::log_capture.reset(); }
 
   // Adds a switched-on handler with context "ctx" on hook smtp; its name.
   static std::string add(const char* type, const char* target, const char* tmpl = "spam",

@@ -1,11 +1,10 @@
-// Capture of the procedural code's logging hook for tests: installed as
-// mail_log, it records "priority:text" of each message the default hook
-// would print (priority at most mail_log_threshold) instead of printing it.
+// The log the test fixtures capture: while one lives, what mail_log's
+// default hook would print is kept instead, and read back as
+// "priority:text" lines.
 #ifndef MXKEEP_TESTING_LOG_CAPTURE_H
 #define MXKEEP_TESTING_LOG_CAPTURE_H
 
-#include <cstdarg>
-#include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,18 +12,18 @@
 
 namespace testing_support {
 
-inline std::vector<std::string> captured_log;  // "priority:text", oldest first
+// Started by a fixture's set-up (emplace), ended by its tear-down (reset).
+inline std::optional<MailLogCapture> log_capture;
 
-// captureMailLog - a mail_log hook appending to captured_log what
-// mail_log_default would print.
-inline void captureMailLog(int priority, const char* format, ...) {
-  if (priority > mail_log_threshold) return;
-  char text[8192];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  captured_log.push_back(std::to_string(priority) + ":" + text);
+inline void startLogCapture() { log_capture.emplace(MailLogCapture::Keep::kPrinted); }
+
+// captured_log - "priority:text" of each message kept, oldest first.
+inline std::vector<std::string> captured_log() {
+  std::vector<std::string> lines;
+  if (log_capture)
+    for (const MailLogMessage& m : log_capture->messages())
+      lines.push_back(std::to_string(m.priority) + ":" + m.text);
+  return lines;
 }
 
 }  // namespace testing_support

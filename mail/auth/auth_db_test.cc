@@ -72,13 +72,13 @@ TEST(AuthDbDetect, ReadsTheServerFromTheFeatureQuery) {
   ScratchDb db;  // for the log capture
   ASSERT_EQ(0, shell("mkdir -p /opt/orb/admin/sbin").exitCode());
   for (const auto& c : cases) {
-    captured_log.clear();
+    testing_support::log_capture->clear();
     writeFile("/opt/orb/admin/sbin/mxkeep",
               std::string("#!/bin/sh\n[ \"$1\" = --features ] || exit 1\ncat <<'EOF'\n") +
                   c.output + "EOF\n",
               0755);
     EXPECT_EQ(c.style, mail_auth_detect_style()) << c.output;
-    EXPECT_EQ(c.log, captured_log) << c.output;
+    EXPECT_EQ(c.log, captured_log()) << c.output;
   }
 }
 

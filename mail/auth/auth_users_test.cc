@@ -126,7 +126,7 @@ TEST(AuthDatabaseWrites, ChangeExactlyTheRowsAsked) {
       if (std::find(before.begin(), before.end(), row) == before.end())
         changed.push_back("+" + row);
     EXPECT_EQ(c.changed, changed) << c.what;
-    EXPECT_EQ(Rows(), captured_log) << c.what;
+    EXPECT_EQ(Rows(), captured_log()) << c.what;
   }
 }
 

@@ -21,7 +21,7 @@ TEST_F(HandlerActions, DomainRenameMovesHandlersOfTheDomainOnly) {
                                    add("recipient-domain", "xa.example"),
                                    add("sender-domain", "a.example.org")};
   ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", kHandlerRename));
-  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_EQ(Strings(), captured_log());
 
   const std::string moved = str(handler_find("spam", "recipient", "u@b.example", "smtp"));
   const std::string moved_dom = str(handler_find("virus", "recipient-domain", "b.example", "smtp"));
@@ -46,12 +46,12 @@ TEST_F(HandlerActions, MassOperationCountsDamagedHandlersAndGoesOn) {
        {no_type + "/handler-type", no_value + "/sender", no_program + "/executable"})
     ASSERT_EQ(0, unlink((kInfo + file).c_str())) << file;
   EXPECT_EQ(-1, handlers_act_on_target("a.example", "b.example", kHandlerRename));
+  const Strings log = captured_log();
   for (const std::string& message : {"3:Unable to get type of handler: " + no_type + "\n",
                                      "3:Unable to get mailname from handler: " + no_value + "\n",
                                      "3:Unable to exec action for handler: " + no_program + "\n"})
-    EXPECT_NE(captured_log.end(), std::find(captured_log.begin(), captured_log.end(), message))
-        << message;
-  EXPECT_EQ("3:Some errors was occured in mass hook operation. errors: 3", captured_log.back());
+    EXPECT_NE(log.end(), std::find(log.begin(), log.end(), message)) << message;
+  EXPECT_EQ("3:Some errors was occured in mass hook operation. errors: 3", log.back());
   EXPECT_NE("<null>", str(handler_find("spam", "sender-domain", "b.example", "smtp")));
 }
 
@@ -63,7 +63,7 @@ TEST_F(HandlerActions, DomainRenameReusesACopyTheSearchFinds) {
   add("sender", "v@a.example", "spam");
   add("sender", "w@a.example", "virus");
   ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", kHandlerRename));
-  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_EQ(Strings(), captured_log());
   EXPECT_EQ(3, std::distance(std::filesystem::directory_iterator(kInfo), {}));
   EXPECT_EQ(existing, str(handler_find("spam", "recipient", "u@b.example", "smtp")));
   EXPECT_TRUE(switchedOn("recipient/u@b.example", existing));
@@ -78,7 +78,7 @@ TEST_F(HandlerActions, UpdateRecreatesTheHandlerUnderTheTemplateGiven) {
   // "spam" finds "antispam" by substring; the re-created handler is "spam".
   ASSERT_EQ(0, handler_update("spam", "recipient", "u@a.example", nullptr, "new ctx", "smtp",
                               nullptr));
-  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_EQ(Strings(), captured_log());
   const std::vector<std::filesystem::path> left(std::filesystem::directory_iterator(kInfo), {});
   ASSERT_EQ(1u, left.size());
   const std::string name = left[0].filename();
@@ -94,7 +94,7 @@ TEST_F(HandlerActions, RenameToTheSameTargetInOtherCaseStillRemovesTheHandler) {
   const std::string name = add("recipient", "u@a.example");
   add("recipient", "v@a.example");
   ASSERT_EQ(0, handler_action(name.c_str(), "U@A.example", kHandlerRename));
-  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_EQ(Strings(), captured_log());
   EXPECT_FALSE(testing_support::pathExists(kInfo + name));
   EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
   EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(kInfo), {}));
@@ -131,7 +131,7 @@ TEST_F(HandlerActions, TemplateActionTakesTheWholeTemplateNameOrAll) {
                                                                              : "off");
     EXPECT_EQ(row.states, states);
     if (row.result == 0) {
-      EXPECT_EQ(Strings(), captured_log);
+      EXPECT_EQ(Strings(), captured_log());
     }
   }
 }

@@ -63,11 +63,11 @@ TEST_F(HandlerIndexTest, AnswersAsTheStoreSearchDoes) {
   for (const auto& c : cases) {
     const std::string query = std::string(c.tmpl) + " " + c.type + " " +
                               (c.target ? c.target : "(null)") + " " + (c.hook ? c.hook : "(null)");
-    captured_log.clear();
+    testing_support::log_capture->clear();
     std::string found;
     const Find answer = index.find(c.tmpl, c.type, c.target, c.hook, &found);
     EXPECT_EQ(static_cast<int>(c.answer), static_cast<int>(answer)) << query;
-    EXPECT_EQ(Strings(), captured_log) << "the index never reports: " << query;
+    EXPECT_EQ(Strings(), captured_log()) << "the index never reports: " << query;
     if (answer != Find::kAskStore) {
       EXPECT_EQ(str(handler_find(c.tmpl, c.type, c.target, c.hook)),
                 answer == Find::kFound ? found : "<null>")

@@ -23,10 +23,10 @@ TEST_F(HandlerStore, NamesSplitIntoPriorityAndTemplateAndSortNumerically) {
        "3:Invalid handler name '10--Ab3xYz': empty template part"},
   };
   for (const auto& c : cases) {
-    captured_log.clear();
+    testing_support::log_capture->clear();
     EXPECT_EQ(c.priority, str(handler_priority(c.name))) << c.name;
     EXPECT_EQ(c.tmpl, str(handler_template(c.name))) << c.name;
-    EXPECT_EQ(c.error ? Strings(2, c.error) : Strings(), captured_log) << c.name;
+    EXPECT_EQ(c.error ? Strings(2, c.error) : Strings(), captured_log()) << c.name;
   }
 
   Strings input = {"10-spam-Ab3xYz", "100-a-Zz0000", "9-virus-Qw12er", "10-av-Zz9999",
@@ -53,7 +53,7 @@ TEST_F(HandlerStore, ParameterFileIsRewrittenAsOneLineReadersCanRead) {
     ASSERT_EQ(0, stat((dir + file).c_str(), &st));
     EXPECT_EQ(0644u, st.st_mode & 07777) << file;
   }
-  EXPECT_EQ(Strings(), captured_log);
+  EXPECT_EQ(Strings(), captured_log());
 }
 
 }  // namespace
