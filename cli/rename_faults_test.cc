@@ -45,7 +45,7 @@ RunResult renameSignalledDuringStandIn(int signal) {
   std::future<RunResult> rename = renameInBackground(&tool);
   readFifo("/run/ready");
   EXPECT_EQ(0, ::kill(tool, signal));
-  writeFile("/run/go", "go\n");
+  writeFifo("/run/go", "go\n");
   return rename.get();
 }
 

@@ -192,7 +192,7 @@ TEST_F(RenameRefusals, ASignalEndsAWaitForALockedDatabase) {
 
   // The check reports the busy database instead of waiting for it.
   const RunResult check = runCheck({"a.example", "b.example"});
-  writeFile("/run/hold", "");
+  writeFifo("/run/hold", "");
   EXPECT_EQ(1, check.exitCode()) << check.out;
   EXPECT_NE(std::string::npos, check.out.find("auth_database: failure: cannot read ")) << check.out;
   // As any failure of the database step: the maps stay renamed, the mail

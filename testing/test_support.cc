@@ -136,6 +136,18 @@ std::string readFifo(const std::string& path) {
   throw std::runtime_error("no writer finished with " + path + " in time");
 }
 
+void writeFifo(const std::string& path, const std::string& text) {
+  // A non-blocking open fails with ENXIO until a reader is there.
+  zanth::UniqueFd fd;
+  waitUntil(("a reader of " + path).c_str(), [&] {
+    fd.reset(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (fd.get() < 0 && errno != ENXIO) throw std::runtime_error("cannot open " + path);
+    return fd.get() >= 0;
+  });
+  if (write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    throw std::runtime_error("cannot write " + path);
+}
+
 void waitUntil(const char* what, const std::function<bool()>& done) {
   const long deadline = monotonicMs() + kHandshakeSeconds * 1000L;
   while (!done()) {

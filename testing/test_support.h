@@ -41,6 +41,10 @@ constexpr int kHandshakeSeconds = 60;
 // throws std::runtime_error when that takes longer than kHandshakeSeconds.
 std::string readFifo(const std::string& path);
 
+// writeFifo - writes text into the fifo path once a reader has it open;
+// throws when no reader comes within the handshake deadline.
+void writeFifo(const std::string& path, const std::string& text);
+
 // waitUntil - calls done() until it holds; throws std::runtime_error naming
 // what when that takes longer than kHandshakeSeconds.
 void waitUntil(const char* what, const std::function<bool()>& done);
