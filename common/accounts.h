@@ -1,5 +1,6 @@
 // Account lookup of the procedural mail code: the numeric ids of a system
-// account by name. Reports nothing; failure is -1 with errno.
+// account by name. Reports nothing; failure is -1 with errno. Kept for the
+// control panel: neither command reaches it.
 #ifndef MXKEEP_COMMON_ACCOUNTS_H
 #define MXKEEP_COMMON_ACCOUNTS_H
 

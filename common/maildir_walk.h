@@ -2,6 +2,7 @@
 // directory tree. Procedural: 0 / -1 (or a size / -1) with errno; the
 // folder check reports its fixed messages through report_error (status 0),
 // the size-from-name rule, the count and the tree size report nothing.
+// Kept for the control panel's quota files: neither command reaches it.
 #ifndef MXKEEP_COMMON_MAILDIR_WALK_H
 #define MXKEEP_COMMON_MAILDIR_WALK_H
 

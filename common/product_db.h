@@ -3,6 +3,7 @@
 // server's generation, and offers small queries that each return one value.
 // Connection steps write their message into the caller's buffer; queries
 // report through report_error (status 0) and return a failure value.
+// Kept for the control panel: neither command reaches it.
 #ifndef MXKEEP_COMMON_PRODUCT_DB_H
 #define MXKEEP_COMMON_PRODUCT_DB_H
 

@@ -1,7 +1,8 @@
 // Cross-process exclusion: named lock files held with flock (procedural
 // handles, and the class layer's lock() and ScopedLock, which throw), and
 // the utilities semaphores, one-byte fcntl record locks on
-// PRODUCT_ROOT_D/var/utilities.sem whose failures end the process.
+// PRODUCT_ROOT_D/var/utilities.sem whose failures end the process. The
+// rename takes lock files; the semaphores are kept for the control panel.
 //
 // Lock files are exclusive between open files, so two handles conflict
 // even inside one process; semaphore bytes belong to the process and are

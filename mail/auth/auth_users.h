@@ -2,7 +2,8 @@
 // removing and renaming users, looking one up, listing them to a callback,
 // and copying a user's record to another address. Each operation opens
 // mail_auth_db_path and closes it again before returning. Results are
-// 0 / -1 unless noted; failures are logged through mail_log.
+// 0 / -1 unless noted; failures are logged through mail_log. Kept for the
+// control panel: neither command reaches it.
 #ifndef MXKEEP_MAIL_AUTH_AUTH_USERS_H
 #define MXKEEP_MAIL_AUTH_AUTH_USERS_H
 
