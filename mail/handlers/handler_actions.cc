@@ -15,6 +15,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/chars.h"
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
@@ -22,10 +23,12 @@
 #include "mail/handlers/handler_index.h"
 #include "mail/handlers/handler_store.h"
 
+using zanth::isEmpty;
 using zanth::path_format;
+using zanth::shown;
+using zanth::UniqueCString;
 using zanth::handlers::HandlerFields;
 using zanth::handlers::HandlerIndex;
-using zanth::UniqueCString;
 
 namespace {
 
@@ -33,11 +36,6 @@ constexpr mode_t kDescriptionMode = 0755;
 constexpr uid_t kQueueOwner = 0;
 constexpr gid_t kQueueGroup = 0;
 constexpr mode_t kQueueMode = 0755;
-
-// printf of a null string is undefined; the store's messages say "(null)".
-const char* shown(const char* s) { return s != nullptr ? s : "(null)"; }
-
-bool empty(const char* s) { return s == nullptr || *s == '\0'; }
 
 // Where a stored handler lives: its type, hook, queue directory and entry.
 struct Location {
@@ -172,7 +170,7 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
     mail_log(LOG_ERR, "Handler type is invalid: %s", shown(type_name));
     return -1;
   }
-  if (code != kHandlerGlobal && empty(target)) {
+  if (code != kHandlerGlobal && isEmpty(target)) {
     mail_log(LOG_ERR, "HandlerTypeName parameter is not defined");
     return -1;
   }
@@ -299,7 +297,7 @@ int retarget(const char* name, const Location& loc, const char* target, HandlerI
 // known, when given, are the handler's fields as they would be read.
 int act(const char* name, const char* new_target, int action, HandlerIndex* index,
         const HandlerFields* known) {
-  if (name == nullptr) name = "(null)";
+  name = shown(name);
   Location loc;
   if (!locate(name, known, &loc)) return -1;
 
@@ -443,7 +441,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
     return -1;
   }
   char executable[zanth::kPathMax] = "";
-  if (!empty(new_executable)) {
+  if (!isEmpty(new_executable)) {
     struct stat st;
     if (::stat(new_executable, &st) != 0) {
       mail_log(LOG_ERR, "Unable to stat executable '%s': %s", new_executable, std::strerror(errno));
@@ -471,7 +469,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
   }
   UniqueCString old_context;
   const char* context = new_context;
-  if (empty(new_context)) {
+  if (isEmpty(new_context)) {
     // An empty context was never written; that is not worth a message.
     char path[zanth::kPathMax];
     struct stat st;
@@ -483,7 +481,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
   }
   UniqueCString old_priority;
   const char* priority = new_priority;
-  if (empty(new_priority)) {
+  if (isEmpty(new_priority)) {
     old_priority.reset(handler_priority(name.get()));
     if (!old_priority) return -1;
     priority = old_priority.get();
