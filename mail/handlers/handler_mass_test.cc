@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "testing/handler_fixture.h"
 
@@ -105,6 +107,72 @@ TEST_F(HandlerMass, TemplateActionTakesTheWholeTemplateNameOrAll) {
     if (row.result == 0) {
       EXPECT_EQ(Strings(), captured_log);
     }
+  }
+}
+
+// A write of the domain rename failing from a real cause: the cause is
+// reported once where it happens, and each level above adds its own line
+// once ({old}: the handler moved, {new}: the description of its copy).
+TEST_F(HandlerMass, WriteFailureIsLoggedOnceAtEachLevel) {
+  const struct {
+    const char* fault;
+    const char* before_add;  // shell commands around adding the handler
+    const char* after_add;
+    const char* undo;
+    const char* cause;  // the file helper's report
+    Strings logged;
+  } rows[] = {
+      {"queue directory cannot be made",
+       "true",
+       "mount --bind /opt/orb/handlers/smtp /opt/orb/handlers/smtp && "
+       "mount -o remount,bind,ro /opt/orb/handlers/smtp",
+       "umount /opt/orb/handlers/smtp",
+       "Cannot create directory /opt/orb/handlers/smtp/recipient/u@b.example: ",
+       {"3:Unable to create directory '/opt/orb/handlers/smtp/recipient/u@b.example'"}},
+      // The store is filled up to one free inode, which the copy's
+      // description directory takes: its first parameter file fails.
+      {"parameter file cannot be written",
+       "mount -t tmpfs -o nr_inodes=64 none /opt/orb/handlers && mkdir /opt/orb/handlers/info",
+       "mkdir /opt/orb/handlers/fill && i=0; while touch /opt/orb/handlers/fill/$i 2>/dev/null; "
+       "do i=$((i+1)); done; rm /opt/orb/handlers/fill/0",
+       "umount /opt/orb/handlers",
+       "Unable to truncate or create file {new}/hook: ",
+       {"3:Unable to create file '{new}/hook'",
+        "3:Unable to store handler parameters into directory '{new}'"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.fault);
+    SetUp();
+    ASSERT_EQ(0, testing_support::shell(row.before_add).exitCode());
+    const std::string old_name = add("recipient", "u@a.example");
+    ASSERT_EQ(0, testing_support::shell(row.after_add).exitCode());
+    captured_log.clear();
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int result = handlers_act_on_target("a.example", "b.example", kHandlerRename);
+    const std::string err = testing::internal::GetCapturedStderr();
+    testing::internal::GetCapturedStdout();
+    std::string new_dir;
+    for (const auto& entry : std::filesystem::directory_iterator(kInfo))
+      if (entry.path().filename() != old_name) new_dir = entry.path();
+    testing_support::shell(row.undo);
+
+    auto filled = [&](std::string text) {
+      for (const auto& [key, value] : {std::pair{"{old}", old_name}, {"{new}", new_dir}})
+        for (size_t at; (at = text.find(key)) != std::string::npos;)
+          text.replace(at, std::strlen(key), value);
+      return text;
+    };
+    EXPECT_EQ(-1, result);
+    const std::string cause = filled(row.cause);
+    const size_t first = err.find(cause);
+    EXPECT_NE(std::string::npos, first) << err;
+    EXPECT_EQ(std::string::npos, err.find(cause, first + 1)) << err;
+    Strings expected;
+    for (const std::string& line : row.logged) expected.push_back(filled(line));
+    expected.push_back(filled("3:Unable to exec action for handler: {old}\n"));
+    expected.push_back("3:Some errors was occured in mass hook operation. errors: 1");
+    EXPECT_EQ(expected, captured_log);
   }
 }
 
