@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/chars.h"
 #include "common/syscall.h"
 
 namespace zanth {
@@ -71,9 +72,6 @@ char* convert_checked(int (*fn)(const char*, char**, int), const char* fname,
   return output;
 }
 
-// What a failed conversion leaves in place of the domain.
-constexpr char kFailedDomainText[] = "(null)";
-
 char* join_address(const char* address, const char* at, const char* domain) {
   char* result = nullptr;
   if (asprintf(&result, "%.*s@%s", static_cast<int>(at - address), address, domain) < 0)
@@ -103,7 +101,7 @@ char* idn_email_toascii(const char* address) {
   char* domain = idn_toascii(at + 1);
   // A failed domain still yields a string, with the text "(null)" in its
   // place, as callers have always seen it; they look at idn_last_error.
-  char* result = join_address(address, at, domain != nullptr ? domain : kFailedDomainText);
+  char* result = join_address(address, at, zanth::shown(domain));
   std::free(domain);
   return result;
 }

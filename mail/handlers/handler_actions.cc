@@ -1,11 +1,12 @@
-// Handler actions and mass operations over the handler store, and the
-// refresh of its fast copy. A handler is switched on by an empty entry file
-// in the queue directory of its hook, type and stored target; every change
-// is followed by a refresh and the removal of an emptied queue directory.
+// Single-handler actions: create, update, switch on and off, query, remove,
+// copy or move one handler to a new target, and the refresh of the store's
+// fast copy. A handler is switched on by an empty entry file in the queue
+// directory of its hook, type and stored target; every change is followed
+// by a refresh and the removal of an emptied queue directory. The mass
+// operations that apply these to many handlers are handler_mass.cc's.
 #include "mail/handlers/handler_actions.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/chars.h"
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
@@ -22,10 +24,12 @@
 #include "mail/handlers/handler_index.h"
 #include "mail/handlers/handler_store.h"
 
+using zanth::isEmpty;
 using zanth::path_format;
+using zanth::shown;
+using zanth::UniqueCString;
 using zanth::handlers::HandlerFields;
 using zanth::handlers::HandlerIndex;
-using zanth::UniqueCString;
 
 namespace {
 
@@ -33,11 +37,12 @@ constexpr mode_t kDescriptionMode = 0755;
 constexpr uid_t kQueueOwner = 0;
 constexpr gid_t kQueueGroup = 0;
 constexpr mode_t kQueueMode = 0755;
-
-// printf of a null string is undefined; the store's messages say "(null)".
-const char* shown(const char* s) { return s != nullptr ? s : "(null)"; }
-
-bool empty(const char* s) { return s == nullptr || *s == '\0'; }
+// remove_tree's remove_top: a removed handler's description directory
+// goes with its files.
+constexpr int kRemoveTop = 1;
+// exec_capture_report's quiet flag, off: a failing refresh program is
+// reported with what it printed, before the line saying the sync failed.
+constexpr int kReportProgramOutput = 0;
 
 // Where a stored handler lives: its type, hook, queue directory and entry.
 struct Location {
@@ -138,7 +143,7 @@ int removeHandler(const char* name, const Location& loc) {
     mail_log(LOG_ERR, "handler name is too long to form a valid filesystem object name");
     return -1;
   }
-  return remove_tree(description, 1);
+  return remove_tree(description, kRemoveTop);
 }
 
 int act(const char* name, const char* new_target, int action, HandlerIndex* index,
@@ -172,7 +177,7 @@ int addHandler(const char* tmpl, const char* type_name, const char* target,
     mail_log(LOG_ERR, "Handler type is invalid: %s", shown(type_name));
     return -1;
   }
-  if (code != kHandlerGlobal && empty(target)) {
+  if (code != kHandlerGlobal && isEmpty(target)) {
     mail_log(LOG_ERR, "HandlerTypeName parameter is not defined");
     return -1;
   }
@@ -299,7 +304,7 @@ int retarget(const char* name, const Location& loc, const char* target, HandlerI
 // known, when given, are the handler's fields as they would be read.
 int act(const char* name, const char* new_target, int action, HandlerIndex* index,
         const HandlerFields* known) {
-  if (name == nullptr) name = "(null)";
+  name = shown(name);
   Location loc;
   if (!locate(name, known, &loc)) return -1;
 
@@ -337,94 +342,15 @@ int act(const char* name, const char* new_target, int action, HandlerIndex* inde
   return result;
 }
 
-// Acts on entry i of a mass operation; logs and counts a failure.
-void actCounted(HandlerIndex& index, size_t i, const char* target, int action, int* errors) {
-  // The index's copies move when the action adds a handler.
-  char name[NAME_MAX + 1];
-  std::strncpy(name, index.name(i), sizeof name - 1);
-  name[sizeof name - 1] = '\0';
-  HandlerFields fields;
-  char hook[kHandlerParamMax], value[kHandlerParamMax];
-  const bool known = index.fields(i, &fields);
-  if (known) {
-    std::strcpy(hook, fields.hook);  // both shorter than kHandlerParamMax
-    std::strcpy(value, fields.value);
-    fields.hook = hook;
-    fields.value = value;
-  }
-  if (act(name, target, action, &index, known ? &fields : nullptr) != 0) {
-    mail_log(LOG_ERR, "Unable to exec action for handler: %s\n", name);
-    ++*errors;
-  }
-  index.forgetIfGone(i);
-}
-
-int massResult(int errors) {
-  if (errors == 0) return 0;
-  mail_log(LOG_ERR, "Some errors was occured in mass hook operation. errors: %i", errors);
-  return -1;
-}
-
-// matchTarget - whether a handler of the named target value is one that a
-// mass operation on target acts on: 1 with *moved_to set to the target it
-// gets (new_target, or for an address in the domain target the same local
-// part at new_target, formed in buf), 0 when it is not, -1 (logged) when
-// the new address does not fit.
-int matchTarget(const char* name, const char* value, const char* target, const char* new_target,
-                char* buf, size_t size, const char** moved_to) {
-  *moved_to = new_target;
-  if (std::strcmp(value, target) == 0) return 1;
-  if (std::strchr(target, '@') != nullptr) return 0;
-  const char* at = std::strchr(value, '@');
-  if (at == nullptr || std::strcmp(at + 1, target) != 0) return 0;
-  if (new_target == nullptr) return 1;
-  if (!path_format(buf, size, "%.*s@%s", static_cast<int>(at - value), value, new_target)) {
-    mail_log(LOG_ERR, "Unable to exec action for handler: %s\n", name);
-    return -1;
-  }
-  *moved_to = buf;
-  return 1;
-}
-
-// readTypeAndValue - reads the handler's type and target value as the
-// store reads them, so that what is wrong is reported. false when either
-// cannot be read. For a global handler the value is its empty flag file.
-bool readTypeAndValue(const char* name, UniqueCString* type, UniqueCString* value) {
-  type->reset(handler_param(name, "handler-type"));
-  if (!*type) {
-    mail_log(LOG_ERR, "Unable to get type of handler: %s\n", name);
-    return false;
-  }
-  value->reset(handler_param(name, type->get()));
-  if (!*value) {
-    mail_log(LOG_ERR, "Unable to get mailname from handler: %s\n", name);
-    return false;
-  }
-  return true;
-}
-
-// forEachHandler - calls visit(index, i, &errors) for every handler stored
-// when it starts, in directory order, and turns the error count into the
-// mass result. Handlers the visits create are not visited: a copy carries
-// the new target and would be passed over anyway.
-template <class Visit>
-int forEachHandler(Visit visit) {
-  HandlerIndex index;
-  if (!index.load()) {
-    mail_log(LOG_ERR, "Unable to open directory %s: %s", kHandlersInfoRoot, std::strerror(errno));
-    return -1;
-  }
-  int errors = 0;
-  for (size_t i = 0, stored = index.size(); i < stored; ++i) {
-    if (!index.gone(i)) visit(index, i, &errors);
-  }
-  return massResult(errors);
-}
-
 }  // namespace
 
 int handler_action(const char* name, const char* new_target, int action) {
   return act(name, new_target, action, nullptr, nullptr);
+}
+
+int handler_action_indexed(const char* name, const char* new_target, int action,
+                           HandlerIndex* index, const HandlerFields* known) {
+  return act(name, new_target, action, index, known);
 }
 
 int handler_add(const char* tmpl, const char* type_name, const char* target, const char* executable,
@@ -443,7 +369,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
     return -1;
   }
   char executable[zanth::kPathMax] = "";
-  if (!empty(new_executable)) {
+  if (!isEmpty(new_executable)) {
     struct stat st;
     if (::stat(new_executable, &st) != 0) {
       mail_log(LOG_ERR, "Unable to stat executable '%s': %s", new_executable, std::strerror(errno));
@@ -471,7 +397,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
   }
   UniqueCString old_context;
   const char* context = new_context;
-  if (empty(new_context)) {
+  if (isEmpty(new_context)) {
     // An empty context was never written; that is not worth a message.
     char path[zanth::kPathMax];
     struct stat st;
@@ -483,7 +409,7 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
   }
   UniqueCString old_priority;
   const char* priority = new_priority;
-  if (empty(new_priority)) {
+  if (isEmpty(new_priority)) {
     old_priority.reset(handler_priority(name.get()));
     if (!old_priority) return -1;
     priority = old_priority.get();
@@ -497,69 +423,11 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
                      final_action);
 }
 
-int handlers_act_on_target(const char* target, const char* new_target, int action) {
-  if (target == nullptr) {
-    mail_log(LOG_ERR, "Some parameter was not defined");
-    return -1;
-  }
-  return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
-    const char* type = nullptr;
-    const char* value = nullptr;
-    const bool known = index.typeAndValue(i, &type, &value);
-    const char* name = index.name(i);  // after the index has read its fields
-    UniqueCString read_type, read_value;
-    if (!known) {
-      if (!readTypeAndValue(name, &read_type, &read_value)) {
-        ++*errors;
-        return;
-      }
-      value = read_value.get();
-    }
-    char address[zanth::kPathMax];
-    const char* moved_to = nullptr;
-    const int match = matchTarget(name, value, target, new_target, address, sizeof address,
-                                  &moved_to);
-    if (match < 0) ++*errors;
-    if (match > 0) actCounted(index, i, moved_to, action, errors);
-  });
-}
-
-int handler_target_match(const char* name, const char* target, const char* new_target,
-                         char* buf, size_t size, const char** moved_to) {
-  UniqueCString type, value;
-  if (!readTypeAndValue(name, &type, &value)) return -1;
-  return matchTarget(name, value.get(), target, new_target, buf, size, moved_to);
-}
-
 int handler_rename_ready(const char* name, const char* new_target) {
   Location loc;
   CopyParts parts;
   if (!locate(name, nullptr, &loc)) return -1;
   return readCopyParts(name, loc, new_target, nullptr, &parts) < 0 ? -1 : 0;
-}
-
-int handlers_list(std::vector<std::string>* names) {
-  return forEachHandler(
-      [names](HandlerIndex& index, size_t i, int*) { names->push_back(index.name(i)); });
-}
-
-int handlers_act_on_template(const char* tmpl, int action) {
-  if (tmpl == nullptr) {
-    mail_log(LOG_ERR, "Some parameter was not defined");
-    return -1;
-  }
-  const bool all = std::strcmp(tmpl, "all") == 0;
-  return forEachHandler([&](HandlerIndex& index, size_t i, int* errors) {
-    if (!all) {
-      UniqueCString own(handler_template(index.name(i)));
-      if (!own) {
-        ++*errors;
-        return;
-      }
-      if (std::strcmp(own.get(), tmpl) != 0) return;
-    }
-    actCounted(index, i, nullptr, action, errors);
-  });
 }
 
 namespace {
@@ -581,7 +449,7 @@ int handlers_refresh() {
   char refresh[] = "refresh";
   if (!path_format(program, sizeof program, "%s", kHandlersRefreshProgram)) return -1;
   char* argv[] = {program, refresh, nullptr};
-  int result = exec_capture_report(kHandlersRefreshProgram, argv, 0);
+  int result = exec_capture_report(kHandlersRefreshProgram, argv, kReportProgramOutput);
   if (result != 0) mail_log(LOG_ERR, "Cannot sync tmps storage to fs");
   return result;
 }

@@ -1,18 +1,23 @@
 // Handler actions: create and update handlers, switch a stored handler on or
-// off, query, remove, copy it to a new target or move it there (the domain
-// rename), the mass operations over the whole store by target and by
-// template, and the refresh of the fast copy of the store. Built on the
-// store of handler_store.h. Plain functions: 0 / -1, failures logged once
-// through mail_log at priority 3; mass operations report once at the end.
+// off, query, remove, copy it to a new target or move it there, and the
+// refresh of the fast copy of the store. Built on the store of
+// handler_store.h. Plain functions: 0 / -1, failures logged once through
+// mail_log at priority 3. The operations over many handlers at once (the
+// domain rename's step) are declared in handler_mass.h, included here so
+// that one header serves the callers of both.
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 
-#include <cstddef>
-#include <string>
-#include <vector>
-
-#include "mail/handlers/handler_store.h"
 #include "common/fixed_paths.h"
+#include "mail/handlers/handler_mass.h"
+#include "mail/handlers/handler_store.h"
+
+namespace zanth {
+namespace handlers {
+class HandlerIndex;
+struct HandlerFields;
+}  // namespace handlers
+}  // namespace zanth
 
 // Action numbers accepted by handler_action and the mass operations.
 constexpr int kHandlerRemove = 1;     // switch off, delete the description
@@ -42,19 +47,13 @@ int handler_update(const char* tmpl, const char* type_name, const char* target,
 // target value for actions 5 and 6. 0 / -1 (action 4: 1 or 0).
 int handler_action(const char* name, const char* new_target, int action);
 
-// handlers_act_on_target - apply action to every handler aimed at target and,
-// when target is a domain, at every address in it; addresses move to the same
-// local part at new_target. Goes on past failures. 0, or -1 when any failed.
-int handlers_act_on_target(const char* target, const char* new_target, int action);
-
-// handler_target_match - whether the handler `name` is one that
-// handlers_act_on_target(target, new_target, ...) acts on: 1 when it is,
-// with *moved_to set to the target it gets (new_target itself, or for an
-// address in the domain target the same local part formed in buf; null
-// when new_target is); 0 when it is not; -1 (logged) when its type or
-// target cannot be read or the new address does not fit.
-int handler_target_match(const char* name, const char* target, const char* new_target,
-                         char* buf, size_t size, const char** moved_to);
+// handler_action_indexed - handler_action inside a mass operation: the copy
+// search of a re-target asks index first and tells it of the copy made;
+// known, when given, holds the handler's type, hook and target as they
+// would be read back, sparing the reads.
+int handler_action_indexed(const char* name, const char* new_target, int action,
+                           zanth::handlers::HandlerIndex* index,
+                           const zanth::handlers::HandlerFields* known);
 
 // handler_rename_ready - whether a move (action 6) of the handler to
 // new_target could read everything it copies: type, hook, stored target,
@@ -62,14 +61,6 @@ int handler_target_match(const char* name, const char* target, const char* new_t
 // new_target, priority, program and context. 0, or -1 with what is
 // missing logged. Changes nothing.
 int handler_rename_ready(const char* name, const char* new_target);
-
-// handlers_list - append the name of every stored handler to names, in
-// directory order. 0 / -1 (logged).
-int handlers_list(std::vector<std::string>* names);
-
-// handlers_act_on_template - apply action to every handler whose template
-// part equals tmpl, or to all handlers when tmpl is "all". 0 / -1.
-int handlers_act_on_template(const char* tmpl, int action);
 
 // handlers_refresh_runnable - whether handlers_refresh would run the
 // refresh program (an executable regular file).

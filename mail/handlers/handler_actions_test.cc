@@ -1,10 +1,7 @@
-// Handler actions on the real store inside the test sandbox: the domain
-// rename, failure counting, and the actions on a whole template.
+// Single-handler actions on the real store inside the test sandbox: an
+// update under another template, and a move to the handler's own target.
 #include "mail/handlers/handler_actions.h"
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <filesystem>
 
 #include "testing/handler_fixture.h"
@@ -13,64 +10,6 @@ namespace {
 
 using namespace handler_testing;
 using HandlerActions = HandlerStore;
-
-TEST_F(HandlerActions, DomainRenameMovesHandlersOfTheDomainOnly) {
-  add("recipient", "u@a.example");
-  add("recipient-domain", "a.example", "virus", "9", "/bin/false");
-  const std::string untouched[] = {add("recipient", "u@a.example.org"), add("global", nullptr),
-                                   add("recipient-domain", "xa.example"),
-                                   add("sender-domain", "a.example.org")};
-  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", kHandlerRename));
-  EXPECT_EQ(Strings(), captured_log());
-
-  const std::string moved = str(handler_find("spam", "recipient", "u@b.example", "smtp"));
-  const std::string moved_dom = str(handler_find("virus", "recipient-domain", "b.example", "smtp"));
-  EXPECT_EQ("9-virus-", moved_dom.substr(0, 8));  // its own priority kept
-  EXPECT_EQ("ctx\nsmtp\nrecipient\nu@b.example\n",
-            params(moved, {"context", "hook", "handler-type", "recipient"}));
-  EXPECT_EQ(str(realpath("/bin/false", nullptr)), str(handler_executable(moved_dom.c_str())));
-  EXPECT_TRUE(switchedOn("recipient/u@b.example", moved));
-  EXPECT_TRUE(switchedOn("recipient-domain/b.example", moved_dom));
-  for (const std::string& name : untouched)
-    EXPECT_EQ(1, handler_action(name.c_str(), nullptr, kHandlerQuery)) << name;
-  EXPECT_EQ(6, std::distance(std::filesystem::directory_iterator(kInfo), {}))
-      << "the old descriptions must be gone";
-}
-
-TEST_F(HandlerActions, MassOperationCountsDamagedHandlersAndGoesOn) {
-  const std::string no_type = add("recipient", "u@a.example");
-  const std::string no_value = add("sender", "v@a.example");
-  const std::string no_program = add("recipient-domain", "a.example");
-  add("sender-domain", "a.example");
-  for (const std::string& file :
-       {no_type + "/handler-type", no_value + "/sender", no_program + "/executable"})
-    ASSERT_EQ(0, unlink((kInfo + file).c_str())) << file;
-  EXPECT_EQ(-1, handlers_act_on_target("a.example", "b.example", kHandlerRename));
-  const Strings log = captured_log();
-  for (const std::string& message : {"3:Unable to get type of handler: " + no_type + "\n",
-                                     "3:Unable to get mailname from handler: " + no_value + "\n",
-                                     "3:Unable to exec action for handler: " + no_program + "\n"})
-    EXPECT_NE(log.end(), std::find(log.begin(), log.end(), message)) << message;
-  EXPECT_EQ("3:Some errors was occured in mass hook operation. errors: 3", log.back());
-  EXPECT_NE("<null>", str(handler_find("spam", "sender-domain", "b.example", "smtp")));
-}
-
-TEST_F(HandlerActions, DomainRenameReusesACopyTheSearchFinds) {
-  // The copy search matches templates as substrings: "spam" takes the
-  // antispam handler already serving u@b.example as its copy.
-  const std::string existing = add("recipient", "u@b.example", "antispam");
-  add("recipient", "u@a.example", "spam");
-  add("sender", "v@a.example", "spam");
-  add("sender", "w@a.example", "virus");
-  ASSERT_EQ(0, handlers_act_on_target("a.example", "b.example", kHandlerRename));
-  EXPECT_EQ(Strings(), captured_log());
-  EXPECT_EQ(3, std::distance(std::filesystem::directory_iterator(kInfo), {}));
-  EXPECT_EQ(existing, str(handler_find("spam", "recipient", "u@b.example", "smtp")));
-  EXPECT_TRUE(switchedOn("recipient/u@b.example", existing));
-  EXPECT_NE("<null>", str(handler_find("spam", "sender", "v@b.example", "smtp")));
-  EXPECT_NE("<null>", str(handler_find("virus", "sender", "w@b.example", "smtp")));
-  EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
-}
 
 TEST_F(HandlerActions, UpdateRecreatesTheHandlerUnderTheTemplateGiven) {
   const std::string old_name = add("recipient", "u@a.example", "antispam", "20");
@@ -98,42 +37,6 @@ TEST_F(HandlerActions, RenameToTheSameTargetInOtherCaseStillRemovesTheHandler) {
   EXPECT_FALSE(testing_support::pathExists(kInfo + name));
   EXPECT_FALSE(testing_support::pathExists("/opt/orb/handlers/smtp/recipient/u@a.example"));
   EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(kInfo), {}));
-}
-
-// Handlers of templates spam, spam, antispam and virus, then one action on
-// a template; each handler is then "on", "off" or "gone".
-TEST_F(HandlerActions, TemplateActionTakesTheWholeTemplateNameOrAll) {
-  struct Row {
-    const char* tmpl;
-    int action;
-    int result;
-    const char* states;
-  };
-  const Row rows[] = {
-      {"spam", kHandlerSwitchOff, 0, "off off on on"},
-      {"all", kHandlerSwitchOff, 0, "off off off off"},
-      {"spam", kHandlerRemove, 0, "gone gone on on"},
-      {"Spam", kHandlerRemove, 0, "on on on on"},
-      {"virus", kHandlerRename, -1, "on on on on"},  // no new target: each one fails
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.tmpl) + " " + std::to_string(row.action));
-    SetUp();
-    const std::string names[] = {add("recipient", "u@a.example"), add("sender", "v@a.example"),
-                                 add("recipient", "w@a.example", "antispam"),
-                                 add("recipient", "x@a.example", "virus")};
-    EXPECT_EQ(row.result, handlers_act_on_template(row.tmpl, row.action));
-    std::string states;
-    for (const std::string& name : names)
-      states += std::string(states.empty() ? "" : " ") +
-                (!testing_support::pathExists(kInfo + name)                  ? "gone"
-                 : handler_action(name.c_str(), nullptr, kHandlerQuery) == 1 ? "on"
-                                                                             : "off");
-    EXPECT_EQ(row.states, states);
-    if (row.result == 0) {
-      EXPECT_EQ(Strings(), captured_log());
-    }
-  }
 }
 
 }  // namespace

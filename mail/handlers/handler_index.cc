@@ -32,8 +32,6 @@ constexpr size_t kMinBuckets = 1024;
 // ones handler_param refuses.
 const size_t kRootLen = std::strlen(kHandlersInfoRoot) + 1;
 
-bool empty(const char* s) { return s == nullptr || *s == '\0'; }
-
 // The first line of path (relative to dir), trimmed as handler_param
 // returns it, at *start (inside buf) for *len bytes. false when
 // handler_param would fail or might read something else: the file cannot
@@ -127,11 +125,11 @@ bool HandlerIndex::fields(size_t i, HandlerFields* out) {
 HandlerIndex::Find HandlerIndex::find(const char* tmpl, const char* type_name, const char* target,
                                       const char* hook, std::string* found) {
   // Refusals are handler_find's to report.
-  if (empty(tmpl) || empty(hook)) return Find::kAskStore;
+  if (isEmpty(tmpl) || isEmpty(hook)) return Find::kAskStore;
   const unsigned code = handler_type_code(type_name);
   if (code == kHandlerTypeUnknown) return Find::kAskStore;
   const bool global = code == kHandlerGlobal;
-  if (!global && empty(target)) return Find::kAskStore;
+  if (!global && isEmpty(target)) return Find::kAskStore;
   if (!ensureFields()) return Find::kAskStore;
 
   for (uint32_t d : damaged_) {
@@ -181,7 +179,7 @@ void HandlerIndex::added(const char* name, const HandlerFields* written) {
 }
 
 bool HandlerIndex::readsBackAs(const char* value) {
-  if (empty(value)) return false;
+  if (isEmpty(value)) return false;
   const size_t len = std::strlen(value);
   return len < kHandlerParamMax && std::strchr(value, '\n') == nullptr && !isPosixSpace(value[0]) &&
          !isPosixSpace(value[len - 1]);

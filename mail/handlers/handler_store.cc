@@ -16,12 +16,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/chars.h"
 #include "common/descriptors.h"
 #include "common/file_util.h"
 #include "common/mail_log.h"
 #include "common/syscall.h"
 
+using zanth::isEmpty;
 using zanth::path_format;
+using zanth::shown;
 using zanth::UniqueCString;
 
 namespace {
@@ -30,11 +33,6 @@ constexpr mode_t kParamMode = 0644;
 
 const char* const kTypeNames[] = {"sender", "recipient", "sender-domain", "recipient-domain",
                                   "global"};
-
-// printf of a null string is undefined; the store's messages say "(null)".
-const char* shown(const char* s) { return s != nullptr ? s : "(null)"; }
-
-bool empty(const char* s) { return s == nullptr || *s == '\0'; }
 
 // Parts of a handler name "priority-template-random": the priority ends at
 // the first "-", the random part starts after the last one.
@@ -136,7 +134,7 @@ int handler_compare(const char* x, const char* y) {
 }
 
 unsigned handler_type_code(const char* type_name) {
-  if (empty(type_name)) return kHandlerTypeUnknown;
+  if (isEmpty(type_name)) return kHandlerTypeUnknown;
   for (unsigned code = 0; code < sizeof kTypeNames / sizeof kTypeNames[0]; ++code) {
     if (strcasecmp(type_name, kTypeNames[code]) == 0) return code;
   }
@@ -217,7 +215,7 @@ int handler_store_param(const char* dir, const char* file, const char* value) {
 }
 
 int handler_store_param_at(int dir_fd, const char* dir, const char* file, const char* value) {
-  if (empty(value)) return 0;
+  if (isEmpty(value)) return 0;
   char path[zanth::kPathMax];
   if (!path_format(path, sizeof path, "%s/%s", shown(dir), shown(file))) {
     mail_log(LOG_ERR, "Unable to create file '%s/%s'", shown(dir), shown(file));
@@ -250,7 +248,7 @@ int handler_store_param_at(int dir_fd, const char* dir, const char* file, const 
 }
 
 char* handler_find(const char* tmpl, const char* type_name, const char* target, const char* hook) {
-  if (empty(tmpl) || empty(hook)) {
+  if (isEmpty(tmpl) || isEmpty(hook)) {
     mail_log(LOG_ERR, "Some parameter(s) were not defined");
     return nullptr;
   }
@@ -259,7 +257,7 @@ char* handler_find(const char* tmpl, const char* type_name, const char* target, 
     mail_log(LOG_ERR, "Invalid handler type '%s'", shown(type_name));
     return nullptr;
   }
-  if (code != kHandlerGlobal && empty(target)) {
+  if (code != kHandlerGlobal && isEmpty(target)) {
     mail_log(LOG_ERR, "Some parameter was not defined");
     return nullptr;
   }
