@@ -264,9 +264,7 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   size_t trimmed = static_cast<size_t>(end - start);
   if (trimmed >= size) {
     release();
-    errno = 0;  // a short buffer is no system error
-    report_error(kReportAndGoOn, kReportFlag, "The buffer too short\n");
-    return -1;
+    return report_condition(0, "The buffer too short\n");
   }
   std::memcpy(buffer, start, trimmed);
   buffer[trimmed] = '\0';

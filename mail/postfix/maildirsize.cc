@@ -13,7 +13,6 @@
 #include <boost/system/error_code.hpp>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -116,23 +115,11 @@ int attachments_size(long long* size) {
   return *size < 0 ? -1 : 1;
 }
 
-// report_condition - report a failure that is no failed system call, so
-// that no stale errno of the client library is printed with it.
-void report_condition(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void report_condition(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  errno = 0;
-  vreport_error(kReportAndGoOn, kReportFlag, format, args);
-  va_end(args);
-}
-
-
 // ascii_domain - the domain's ASCII form, or null (reported).
 zanth::UniqueCString ascii_domain(const char* domain) {
   zanth::UniqueCString ascii(idn_toascii(domain));
   if (!ascii)
-    report_condition("idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
+    report_condition(0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
   return ascii;
 }
 
@@ -149,7 +136,7 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
   char err[256];
   db.reset(db_connect_setup(err, sizeof err));
   if (db.get() == nullptr) {
-    report_condition("unable to connect to MySQL");
+    report_condition(0, "unable to connect to MySQL");
     return false;
   }
   const zanth::UniqueCString ascii = ascii_domain(domain);
@@ -171,11 +158,11 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
 MYSQL_RES* run_query(MYSQL* conn, const std::string& sql, const char* query_failure,
                      const char* result_failure) {
   if (mysql_real_query(conn, sql.data(), sql.size()) != 0) {
-    report_condition(query_failure, mysql_error(conn));
+    report_condition(0, query_failure, mysql_error(conn));
     return nullptr;
   }
   MYSQL_RES* result = mysql_store_result(conn);
-  if (result == nullptr) report_condition(result_failure, mysql_error(conn));
+  if (result == nullptr) report_condition(0, result_failure, mysql_error(conn));
   return result;
 }
 
@@ -301,7 +288,7 @@ int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) 
     }
     quota -= attachments;
     if (quota < 0) {
-      report_condition("%s", kAttachmentsWarning);
+      report_condition(0, "%s", kAttachmentsWarning);
       quota = 0;
     }
   }
@@ -321,7 +308,7 @@ int mailbox_reset_quota(const char* domain, const char* mailbox) {
     if (found.get() == nullptr) return 0;
     MYSQL_ROW row = mysql_fetch_row(found.get());
     if (row == nullptr || row[0] == nullptr) {
-      report_condition("No such domain %s", domain);
+      report_condition(0, "No such domain %s", domain);
       return 0;
     }
     quota = parse_quota(db_get_dom_limit(row[0], "mbox_quota", db.get()));
