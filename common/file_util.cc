@@ -321,6 +321,12 @@ int set_owner_by_name(const char* path, const char* user, mode_t mode) {
   return 0;
 }
 
+owner_mode_step set_owner_and_mode(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0) return OWNER_MODE_CHOWN_FAILED;
+  if (zanth::retryEintr([&] { return chmod(path, mode); }) != 0) return OWNER_MODE_CHMOD_FAILED;
+  return OWNER_MODE_SET;
+}
+
 int open_standard_descriptors() {
   for (int fd = 0; fd < 3; ++fd) {
     if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;

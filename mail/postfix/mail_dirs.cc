@@ -17,6 +17,7 @@
 #include <cstdio>
 
 #include "common/errors.h"
+#include "common/file_util.h"
 #include "common/orb_conf.h"
 #include "common/syscall.h"
 
@@ -60,12 +61,16 @@ boost::system::error_code systemCode(int code) {
   throw fs::filesystem_error(operation, path, systemCode(code));
 }
 
-// setOwnerAndMode - chown then chmod, each retried on EINTR.
+// setOwnerAndMode - set_owner_and_mode, a failed call thrown by its name.
 void setOwnerAndMode(const fs::path& dir, uid_t uid, gid_t gid, mode_t mode) {
-  if (retryEintr([&] { return ::chown(dir.c_str(), uid, gid); }) != 0)
-    throwFilesystemError("chown", dir, errno);
-  if (retryEintr([&] { return ::chmod(dir.c_str(), mode); }) != 0)
-    throwFilesystemError("chmod", dir, errno);
+  switch (set_owner_and_mode(dir.c_str(), uid, gid, mode)) {
+    case OWNER_MODE_SET:
+      return;
+    case OWNER_MODE_CHOWN_FAILED:
+      throwFilesystemError("chown", dir, errno);
+    case OWNER_MODE_CHMOD_FAILED:
+      throwFilesystemError("chmod", dir, errno);
+  }
 }
 
 fs::path mailNamesRoot() { return fs::path(orb_conf_get_default(ZANTH_MAILNAMES_D)); }
