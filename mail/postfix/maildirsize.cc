@@ -24,9 +24,7 @@
 #include "common/accounts.h"
 #include "common/descriptors.h"
 #include "common/errors.h"
-#include "common/idn.h"
 #include "common/maildir_walk.h"
-#include "common/orb_conf.h"
 #include "common/product_db.h"
 #include "common/syscall.h"
 #include "common/syslog_trail.h"
@@ -115,14 +113,6 @@ int attachments_size(long long* size) {
   return *size < 0 ? -1 : 1;
 }
 
-// ascii_domain - the domain's ASCII form, or null (reported).
-zanth::UniqueCString ascii_domain(const char* domain) {
-  zanth::UniqueCString ascii(idn_toascii(domain));
-  if (!ascii)
-    report_condition(0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
-  return ascii;
-}
-
 // A quota as the product database keeps it; anything but a number is none.
 long long parse_quota(const char* text) {
   long long quota;
@@ -139,7 +129,7 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
     report_condition(0, "unable to connect to MySQL");
     return false;
   }
-  const zanth::UniqueCString ascii = ascii_domain(domain);
+  const zanth::UniqueCString ascii = mail_domain_ascii(domain);
   if (!ascii) return false;
   const size_t length = std::strlen(ascii.get());
   const zanth::UniqueCString buffer(static_cast<char*>(std::malloc(2 * length + 1)));
@@ -259,14 +249,11 @@ int maildirsize_create_popuser(const char* maildir, long long quota) {
 }
 
 int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) {
-  const zanth::UniqueCString ascii = ascii_domain(domain);
-  if (!ascii) return 0;
   char path[zanth::kPathMax];
-  if (!zanth::path_format(path, sizeof path, "%s/%s/%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
-                          ascii.get(), mailbox)) {
-    errno = ENAMETOOLONG;
-    report_error(kReportAndGoOn, kReportFlag,
-                 "domain and/or user name too long to be stored on the filesystem");
+  if (mailbox_path(path, sizeof path, domain, mailbox, "") != 0) {
+    if (errno == ENAMETOOLONG)
+      report_error(kReportAndGoOn, kReportFlag,
+                   "domain and/or user name too long to be stored on the filesystem");
     return 0;
   }
   zanth::WorkingDirectoryGuard cwd;

@@ -13,7 +13,6 @@
 #include "common/errors.h"
 #include "common/file_util.h"
 #include "common/idn.h"
-#include "common/orb_conf.h"
 #include "common/syscall.h"
 #include "mail/postfix/mail_dirs.h"
 #include "process/file_str.h"
@@ -31,22 +30,17 @@ bool is_ascii_alnum(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-// mailname_format - root/<ASCII domain>/<mailname> + suffix into buf;
+// mailname_format - mailbox_path of a mailname that passes the name rule;
 // too_long is the message for a path that does not fit.
 int mailname_format(char* buf, size_t size, const char* mailname, const char* domain,
                     const char* suffix, const char* too_long) {
   if (mailname == nullptr || domain == nullptr ||
       !(is_ascii_alnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-'))
     return report_condition(EINVAL, "empty mailname or maildomain");
-  idn_last_error = 0;
-  const zanth::UniqueCString ascii(idn_toascii(domain));
-  if (!ascii)
-    return report_condition(EINVAL, "idn_toascii(%s) failed: %s", domain,
-                            idn_strerror(idn_last_error));
-  if (!zanth::path_format(buf, size, "%s/%s/%s%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
-                          ascii.get(), mailname, suffix))
-    return report_condition(ENAMETOOLONG, too_long, domain, mailname);
-  return 0;
+  if (mailbox_path(buf, size, domain, mailname, suffix) == 0) return 0;
+  if (errno == ENAMETOOLONG) return report_condition(ENAMETOOLONG, too_long, domain, mailname);
+  errno = EINVAL;  // the domain has no ASCII form (reported)
+  return -1;
 }
 
 // forward_line - "&" + address with its domain in ASCII + line_end; null
