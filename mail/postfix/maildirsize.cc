@@ -28,6 +28,7 @@
 #include "common/product_db.h"
 #include "common/syscall.h"
 #include "common/syslog_trail.h"
+#include "common/temp_file.h"
 #include "common/working_dir.h"
 
 namespace {
@@ -47,24 +48,6 @@ constexpr time_t kBackdateSeconds = 960;
 constexpr const char* kAttachmentsWarning =
     "WARNING: @attachments directory is big enough to disable delivery!";
 
-// An unlinked-on-destruction temporary name, relative to the working
-// directory, unless commit() says it has been renamed into place.
-class TempName final {
- public:
-  explicit TempName(const char* name) : name_(name) {}
-  ~TempName() {
-    if (name_ == nullptr) return;
-    zanth::ErrnoSaver keep;
-    ::unlink(name_);  // clean-up: the first cause is what the caller sees
-  }
-  TempName(const TempName&) = delete;
-  TempName& operator=(const TempName&) = delete;
-  void commit() { name_ = nullptr; }
-
- private:
-  const char* name_;
-};
-
 void sleep_fully(unsigned seconds) {
   while ((seconds = ::sleep(seconds)) > 0) {
   }
@@ -78,10 +61,10 @@ void lose_tmp(zanth::UniqueFd& fd, const char* name) {
 }
 
 // write_quota_file - everything between opening the temporary file and
-// renaming it: owner, count, text, write, sync, close. 0 / -1 with errno.
-int write_quota_file(zanth::UniqueFd& fd, uid_t uid, gid_t gid, long long quota_bytes,
+// renaming it: owner, count, text, write, sync. 0 / -1 with errno.
+int write_quota_file(zanth::TempFile& tmp, uid_t uid, gid_t gid, long long quota_bytes,
                      unsigned long long quota_count, time_t* newest) {
-  if (::fchown(fd.get(), uid, gid) != 0) return -1;
+  if (::fchown(tmp.fd(), uid, gid) != 0) return -1;
   maildir_usage usage;
   if (maildir_count_usage(".", &usage) != 0) return -1;
   *newest = usage.newest_mtime;
@@ -92,12 +75,11 @@ int write_quota_file(zanth::UniqueFd& fd, uid_t uid, gid_t gid, long long quota_
     errno = EINVAL;
     return -1;
   }
-  if (zanth::writeFully(fd.get(), text, static_cast<size_t>(n)) != 0) {
+  if (zanth::writeFully(tmp.fd(), text, static_cast<size_t>(n)) != 0) {
     report_error(kReportAndGoOn, kReportFlag, "unable to write data to file");
     return -1;
   }
-  if (zanth::retryEintr([&] { return ::fsync(fd.get()); }) != 0 ||
-      zanth::closeDescriptor(fd.release()) != 0) {
+  if (tmp.sync() != 0) {
     report_error(kReportAndGoOn, kReportFlag, "unable to commit written data to file");
     return -1;
   }
@@ -220,15 +202,13 @@ int maildirsize_create(const char* maildir, uid_t uid, gid_t gid, long long quot
                        unsigned long long quota_count) {
   zanth::WorkingDirectoryGuard cwd;
   if (!cwd.saved() || zanth::retryEintr([&] { return ::chdir(maildir); }) != 0) return 0;
-  char tmp[zanth::kPathMax];
-  zanth::UniqueFd fd(maildirsize_open_tmp(tmp, sizeof tmp));
-  if (fd.get() < 0) return 0;
-  TempName tmp_name(tmp);
+  char name[zanth::kPathMax];
+  zanth::TempFile tmp(maildirsize_open_tmp(name, sizeof name), name);
+  if (tmp.fd() < 0) return 0;
   time_t counted_newest = 0;
-  if (write_quota_file(fd, uid, gid, quota_bytes, quota_count, &counted_newest) != 0 ||
-      ::rename(tmp, kMaildirsizeName) != 0)
+  if (write_quota_file(tmp, uid, gid, quota_bytes, quota_count, &counted_newest) != 0 ||
+      tmp.renameTo(kMaildirsizeName) != 0)
     return 0;
-  tmp_name.commit();
   cwd.keep();
 
   time_t newest = 0;
