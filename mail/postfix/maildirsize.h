@@ -39,7 +39,10 @@ namespace postfix {
 // createMaildirsize - the maildirsize of a new or changed mailbox, with
 // quota (negative: none) less the size of its "@attachments" directory.
 // Throws "getcwd", "chdir" or "create maildirsize" filesystem errors with
-// errno; the working directory is restored on every path.
+// errno; the working directory is restored on every path. Unlike
+// mailbox_set_quota, and on purpose: the domain is taken as ASCII,
+// "@attachments" counts only when it is a directory (links followed), its
+// size is not checked, and the warning goes to standard error alone.
 void createMaildirsize(const PopUser& popUser, const std::string& domain,
                        const std::string& mailbox, long long quota);
 
