@@ -236,3 +236,13 @@ void report_error(int exit_status, int flag, const char* format, ...) {
   vreport_error(exit_status, flag, format, args);
   va_end(args);
 }
+
+int report_condition(int cause, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  errno = 0;
+  vreport_error(kReportAndGoOn, kReportFlag, format, args);
+  va_end(args);
+  errno = cause;
+  return -1;
+}

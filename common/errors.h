@@ -133,6 +133,12 @@ void report_error(int exit_status, int flag, const char* format, ...)
 void vreport_error(int exit_status, int flag, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
+// report_condition - report a failure that is no failed system call: as
+// report_error does with kReportAndGoOn, but with errno cleared first, so
+// that no stale system error is printed with it. errno is then left at
+// cause for the caller (0 for none). Always -1.
+int report_condition(int cause, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
 // report_fatal - report as report_error does, then end the process with
 // status 1: for failures the procedural code cannot go on from.
 [[noreturn]] void report_fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -264,9 +264,7 @@ int read_first_line(char* buffer, size_t size, const char* path) {
   size_t trimmed = static_cast<size_t>(end - start);
   if (trimmed >= size) {
     release();
-    errno = 0;  // a short buffer is no system error
-    report_error(kReportAndGoOn, kReportFlag, "The buffer too short\n");
-    return -1;
+    return report_condition(0, "The buffer too short\n");
   }
   std::memcpy(buffer, start, trimmed);
   buffer[trimmed] = '\0';
@@ -321,6 +319,12 @@ int set_owner_by_name(const char* path, const char* user, mode_t mode) {
     return -1;
   }
   return 0;
+}
+
+owner_mode_step set_owner_and_mode(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  if (zanth::retryEintr([&] { return chown(path, uid, gid); }) != 0) return OWNER_MODE_CHOWN_FAILED;
+  if (zanth::retryEintr([&] { return chmod(path, mode); }) != 0) return OWNER_MODE_CHMOD_FAILED;
+  return OWNER_MODE_SET;
 }
 
 int open_standard_descriptors() {

@@ -66,6 +66,15 @@ int open_unshared(const char* path, struct stat* st);
 // "ERROR: unable to chmod %s: %s\n").
 int set_owner_by_name(const char* path, const char* user, mode_t mode);
 
+// Which call of set_owner_and_mode failed, if any.
+enum owner_mode_step { OWNER_MODE_SET = 0, OWNER_MODE_CHOWN_FAILED, OWNER_MODE_CHMOD_FAILED };
+
+// set_owner_and_mode - chown path to uid:gid, then chmod it to mode, each
+// repeated on EINTR; the chmod is not tried when the chown failed. Reports
+// nothing: callers word the failure of either call their own way, errno
+// saying why.
+owner_mode_step set_owner_and_mode(const char* path, uid_t uid, gid_t gid, mode_t mode);
+
 // open_standard_descriptors - reopen "/dev/null" on whichever of
 // descriptors 0, 1 and 2 is closed, so that no file the process opens later
 // gets one of them (a lock file on 0, a map text on 2 taking diagnostics).

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 
@@ -114,6 +115,20 @@ TEST_F(FileUtil, SetOwnerByNameRefusesLinks) {
                 "\nSystem error 40: Too many levels of symbolic links\n",
             r.out);
   EXPECT_EQ("file root:root 644\n", owners("file"));
+}
+
+TEST_F(FileUtil, SetOwnerAndModeSaysWhichCallFailed) {
+  const std::string file = dir_ / "file";
+  writeFile(file, "x", 0644);
+  const struct passwd* pop = getpwnam("popuser");
+  ASSERT_NE(nullptr, pop);
+  EXPECT_EQ(OWNER_MODE_SET, set_owner_and_mode(file.c_str(), pop->pw_uid, pop->pw_gid, 0640));
+  EXPECT_EQ("file popuser:popuser 640\n", owners("file"));
+
+  errno = 0;
+  EXPECT_EQ(OWNER_MODE_CHOWN_FAILED,
+            set_owner_and_mode((dir_ / "missing").c_str(), pop->pw_uid, pop->pw_gid, 0640));
+  EXPECT_EQ(ENOENT, errno);
 }
 
 }  // namespace

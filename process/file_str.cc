@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/descriptors.h"
 #include "common/file_util.h"
 #include "process/lock.h"
 
@@ -144,52 +145,31 @@ bool ReplacementFile::open() {
   int fd = create();
   if (fd < 0 && errno == EEXIST && retryEintr([&] { return ::unlink(tmp_); }) == 0) fd = create();
   if (fd < 0) return false;
-  created_ = true;
-  FILE* out = ::fdopen(fd, "w");
-  if (out == nullptr) {
-    ErrnoSaver keep;
-    ::close(fd);
-    return false;
-  }
-  out_.reset(out);
+  file_.reset(fd, tmp_);
   return true;
 }
 
 bool ReplacementFile::write(std::string_view data) {
-  if (out_.get() == nullptr) {
+  if (file_.fd() < 0) {
     errno = EBADF;
     return false;
   }
-  return std::fwrite(data.data(), 1, data.size(), out_.get()) == data.size();
+  return writeFully(file_.fd(), data.data(), data.size()) == 0;
 }
 
 bool ReplacementFile::commit(mode_t mode, uid_t uid, gid_t gid) {
-  FILE* out = out_.get();
-  if (out == nullptr) {
+  const int fd = file_.fd();
+  if (fd < 0) {
     errno = EBADF;
     return false;
   }
-  int fd = ::fileno(out);
   if ((uid != static_cast<uid_t>(-1) || gid != static_cast<gid_t>(-1)) &&
       ::fchown(fd, uid, gid) != 0)
     return false;
   if (::fchmod(fd, mode & kModeBits) != 0) return false;
-  if (std::fflush(out) != 0 || retryEintr([&] { return ::fsync(fd); }) != 0) return false;
-  // The data is on disk: a failing close can lose nothing now.
-  out_.reset();
-  if (retryEintr([&] { return ::rename(tmp_, path_); }) != 0) return false;
-  created_ = false;
-  return true;
+  return file_.sync() == 0 && file_.renameTo(path_) == 0;
 }
 
-void ReplacementFile::discard() {
-  out_.reset();
-  if (!created_) return;
-  {
-    ErrnoSaver keep;
-    ::unlink(tmp_);
-  }
-  created_ = false;
-}
+void ReplacementFile::discard() { file_.discard(); }
 
 }  // namespace zanth

@@ -10,10 +10,10 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdio>
 #include <string_view>
 
 #include "common/syscall.h"
+#include "common/temp_file.h"
 
 struct LockHandle;
 
@@ -63,8 +63,8 @@ class ReplacementFile final {
   // never through a symbolic link; a stale one is removed first).
   bool open();
   bool write(std::string_view data);
-  // commit - give the new file mode (and uid:gid unless -1), flush and
-  // sync it, and rename it over the path.
+  // commit - give the new file mode (and uid:gid unless -1), sync it and
+  // rename it over the path.
   bool commit(mode_t mode, uid_t uid = static_cast<uid_t>(-1),
               gid_t gid = static_cast<gid_t>(-1));
   // discard - remove the temporary file now; errno is preserved.
@@ -75,8 +75,7 @@ class ReplacementFile final {
   char tmp_[kPathMax];
   bool named_;  // both names fit their buffers
   LockHandle* lock_ = nullptr;
-  UniqueFile out_;
-  bool created_ = false;
+  TempFile file_;
 };
 
 }  // namespace zanth

@@ -225,24 +225,26 @@ int mail_auth_set_permissions(uid_t uid, gid_t gid, mode_t dir_mode, mode_t file
   }
   const int log_uid = static_cast<int>(uid);
   const int log_gid = static_cast<int>(gid);
-  if (chown(dir, uid, gid) != 0) {
-    mail_log(LOG_CRIT, "chown(\"%s\", %d, %d) failed: %s", dir, log_uid, log_gid,
-             std::strerror(errno));
-    return -1;
-  }
-  if (chmod(dir, dir_mode) != 0) {
-    mail_log(LOG_CRIT, "chmod(\"%s\", %04o) failed: %s", dir, dir_mode, std::strerror(errno));
-    return -1;
-  }
-  if (chown(path, uid, gid) != 0) {
-    mail_log(LOG_CRIT, "chown(\"%s\", %d, %d) failed: %s", path, log_uid, log_gid,
-             std::strerror(errno));
-    return -1;
-  }
-  if (chmod(path, file_mode) != 0) {
-    // The directory's mode is printed here, as this message always has.
-    mail_log(LOG_CRIT, "chmod(\"%s\", %04o) failed: %s", path, dir_mode, std::strerror(errno));
-    return -1;
+  // The directory first, then the database file in it.
+  const struct {
+    const char* name;
+    mode_t mode;
+  } targets[] = {{dir, dir_mode}, {path, file_mode}};
+  for (const auto& target : targets) {
+    switch (set_owner_and_mode(target.name, uid, gid, target.mode)) {
+      case OWNER_MODE_SET:
+        break;
+      case OWNER_MODE_CHOWN_FAILED:
+        mail_log(LOG_CRIT, "chown(\"%s\", %d, %d) failed: %s", target.name, log_uid, log_gid,
+                 std::strerror(errno));
+        return -1;
+      case OWNER_MODE_CHMOD_FAILED:
+        // The directory's mode is printed for the file too, as this message
+        // always has.
+        mail_log(LOG_CRIT, "chmod(\"%s\", %04o) failed: %s", target.name, dir_mode,
+                 std::strerror(errno));
+        return -1;
+    }
   }
   return 0;
 }

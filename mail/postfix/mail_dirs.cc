@@ -17,6 +17,8 @@
 #include <cstdio>
 
 #include "common/errors.h"
+#include "common/file_util.h"
+#include "common/idn.h"
 #include "common/orb_conf.h"
 #include "common/syscall.h"
 
@@ -60,15 +62,27 @@ boost::system::error_code systemCode(int code) {
   throw fs::filesystem_error(operation, path, systemCode(code));
 }
 
-// setOwnerAndMode - chown then chmod, each retried on EINTR.
+// setOwnerAndMode - set_owner_and_mode, a failed call thrown by its name.
 void setOwnerAndMode(const fs::path& dir, uid_t uid, gid_t gid, mode_t mode) {
-  if (retryEintr([&] { return ::chown(dir.c_str(), uid, gid); }) != 0)
-    throwFilesystemError("chown", dir, errno);
-  if (retryEintr([&] { return ::chmod(dir.c_str(), mode); }) != 0)
-    throwFilesystemError("chmod", dir, errno);
+  switch (set_owner_and_mode(dir.c_str(), uid, gid, mode)) {
+    case OWNER_MODE_SET:
+      return;
+    case OWNER_MODE_CHOWN_FAILED:
+      throwFilesystemError("chown", dir, errno);
+    case OWNER_MODE_CHMOD_FAILED:
+      throwFilesystemError("chmod", dir, errno);
+  }
 }
 
 fs::path mailNamesRoot() { return fs::path(orb_conf_get_default(ZANTH_MAILNAMES_D)); }
+
+// format_mailbox_path - the one spelling of a mailbox's path; false when it
+// does not fit.
+bool format_mailbox_path(char* buf, size_t size, const char* domain, const char* mailbox,
+                         const char* suffix) {
+  return path_format(buf, size, "%s/%s/%s%s", orb_conf_get_default(ZANTH_MAILNAMES_D), domain,
+                     mailbox, suffix);
+}
 
 // saveDirectory - moveAside, turning "cannot examine" into an error.
 void saveDirectory(const fs::path& dir) {
@@ -93,7 +107,10 @@ const PopUser& getPopUser() {
 fs::path domainDirectory(const std::string& domain) { return mailNamesRoot() / domain; }
 
 fs::path mailboxDirectory(const std::string& domain, const std::string& mailbox) {
-  return mailNamesRoot() / domain / mailbox;
+  char path[kPathMax];
+  if (!format_mailbox_path(path, sizeof path, domain.c_str(), mailbox.c_str(), ""))
+    throwFilesystemError("mailbox path", domainDirectory(domain) / mailbox, ENAMETOOLONG);
+  return fs::path(path);
 }
 
 fs::path relativeDomainPath(const std::string& domain) { return fs::path(domain); }
@@ -254,3 +271,22 @@ void disposeMailboxDirectory(const PopUser& popUser, const std::string& domain,
 }  // namespace postfix
 }  // namespace mail
 }  // namespace zanth
+
+zanth::UniqueCString mail_domain_ascii(const char* domain) {
+  idn_last_error = 0;
+  zanth::UniqueCString ascii(idn_toascii(domain));
+  if (!ascii)
+    report_condition(0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
+  return ascii;
+}
+
+int mailbox_path(char* buf, size_t size, const char* domain, const char* mailbox,
+                 const char* suffix) {
+  const zanth::UniqueCString ascii = mail_domain_ascii(domain);
+  if (!ascii) return -1;
+  if (!zanth::mail::postfix::format_mailbox_path(buf, size, ascii.get(), mailbox, suffix)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  return 0;
+}

@@ -2,7 +2,8 @@
 // the mail-names root, who owns them and with which modes they are made,
 // and the create, rename, move-aside and remove operations on them.
 // Failures throw boost::filesystem::filesystem_error; a missing popuser
-// account throws zanth::SystemError.
+// account throws zanth::SystemError. The procedural mail code builds its
+// mailbox paths with mailbox_path, which reports instead.
 #ifndef MXKEEP_MAIL_POSTFIX_MAIL_DIRS_H
 #define MXKEEP_MAIL_POSTFIX_MAIL_DIRS_H
 
@@ -10,8 +11,24 @@
 
 #include <boost/filesystem/path.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include "common/syscall.h"
+
+// mail_domain_ascii - domain's ASCII form, or null with "idn_toascii(%s)
+// failed: %s" reported (errno 0: no system call failed).
+zanth::UniqueCString mail_domain_ascii(const char* domain);
+
+// mailbox_path - "<mail-names root>/<ASCII domain>/<mailbox><suffix>" into
+// buf (size bytes): the mailbox directory (suffix "") or a file in it, as
+// mailboxDirectory spells it. 0; -1 when the domain has no ASCII form
+// (reported by mail_domain_ascii, errno 0), or with errno ENAMETOOLONG and
+// nothing reported when the path does not fit: the caller says what it
+// wanted the path for.
+int mailbox_path(char* buf, size_t size, const char* domain, const char* mailbox,
+                 const char* suffix);
 
 namespace zanth {
 namespace mail {
@@ -35,7 +52,9 @@ enum DirectoryDisposal { kKeepDirectory = 0, kRemoveDirectory = 1, kSaveDirector
 // domainDirectory - mail-names root / domain (root read on every call).
 boost::filesystem::path domainDirectory(const std::string& domain);
 
-// mailboxDirectory - mail-names root / domain / mailbox.
+// mailboxDirectory - mail-names root / domain / mailbox, spelled as
+// mailbox_path spells it (domain as given). A path too long for any system
+// call throws ENAMETOOLONG.
 boost::filesystem::path mailboxDirectory(const std::string& domain, const std::string& mailbox);
 
 // relativeDomainPath - the domain name alone, as the vmailbox map's values

@@ -10,7 +10,12 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <cerrno>
+#include <functional>
+#include <string>
 
+#include "mail/postfix/maildirsize.h"
+#include "mail/postfix/qmail_files.h"
+#include "testing/child.h"
 #include "testing/test_support.h"
 
 namespace {
@@ -108,6 +113,35 @@ TEST_F(MailDirs, DisposalKeepsRemovesOrSavesUnderTheInodeSuffixedName) {
     EXPECT_EQ(left + "\n", shell("cd /var/qmail/mailnames && find . -mindepth 1 -printf '%P\\n' | "
                                  "LC_ALL=C sort | xargs echo")
                                .out);
+  }
+}
+
+// One builder spells every mailbox path; each caller words its own
+// failure when the path does not fit.
+TEST_F(MailDirs, MailboxPathTooLongIsReportedInEachCallersWords) {
+  static const std::string kLong(4096, 'm');
+  EXPECT_EQ("/var/qmail/mailnames/a.example/info", pf::mailboxDirectory("a.example", "info"));
+  try {
+    pf::mailboxDirectory("a.example", kLong);
+    ADD_FAILURE() << "no error for a path longer than any system call takes";
+  } catch (const boost::filesystem::filesystem_error& e) {
+    EXPECT_EQ(ENAMETOOLONG, e.code().value());
+  }
+  const struct {
+    std::function<int()> call;
+    std::string shown;
+  } cases[] = {
+      {[] { return mailbox_set_quota("a.example", kLong.c_str(), 1) == 0 ? 0 : 1; },
+       "domain and/or user name too long to be stored on the filesystem\n"
+       "System error 36: File name too long\n"},
+      {[] { return qmail_enable_mailbox(kLong.c_str(), "a.example") == -1 ? 0 : 1; },
+       "Either domain name 'a.example' or mailname '" + kLong +
+           "' are too long to store .qmail path in the provided buffer\n"},
+  };
+  for (const auto& c : cases) {
+    RunResult r = runInChild(c.call);
+    EXPECT_EQ(0, r.exitCode());
+    EXPECT_EQ(c.shown, r.err);
   }
 }
 

@@ -1,111 +1,38 @@
-// Mailbox quota files. The writer works inside the Maildir with relative
-// names (the temporary file sits in its tmp/ like any delivery), so the
-// working directory is saved and restored around it by WorkingDirectoryGuard.
+// Mailbox quota policy: the quota a mailbox gets (less its "@attachments"),
+// read from the product database for a mailbox or a whole domain, and the
+// domain manager's operations over it. The file itself is written by
+// maildirsize_file; the working directory is saved and restored around it
+// by WorkingDirectoryGuard.
 #include "mail/postfix/maildirsize.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/system/error_code.hpp>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <iostream>
 #include <new>
 #include <string>
 
-#include "common/accounts.h"
-#include "common/descriptors.h"
 #include "common/errors.h"
-#include "common/idn.h"
 #include "common/maildir_walk.h"
-#include "common/orb_conf.h"
 #include "common/product_db.h"
 #include "common/syscall.h"
 #include "common/syslog_trail.h"
 #include "common/working_dir.h"
+#include "mail/postfix/maildirsize_file.h"
 
 namespace {
 
-constexpr mode_t kMaildirsizeMode = 0644;
-constexpr const char* kMaildirsizeName = "maildirsize";
 constexpr const char* kAttachmentsDir = "@attachments";
-constexpr const char* kPopUserName = "popuser";
-constexpr int kTmpAttempts = 5;
-constexpr unsigned kTmpRetrySeconds = 2;
-// gethostname's buffer; a longer name is cut and fails the name format.
-constexpr size_t kHostNameSize = 256;
-// The formatted file must stay below this many bytes.
-constexpr size_t kMaxFileText = 100;
-// A file dated this far back looks older than the readers' 15 minutes.
-constexpr time_t kBackdateSeconds = 960;
 constexpr const char* kAttachmentsWarning =
     "WARNING: @attachments directory is big enough to disable delivery!";
-
-// An unlinked-on-destruction temporary name, relative to the working
-// directory, unless commit() says it has been renamed into place.
-class TempName final {
- public:
-  explicit TempName(const char* name) : name_(name) {}
-  ~TempName() {
-    if (name_ == nullptr) return;
-    zanth::ErrnoSaver keep;
-    ::unlink(name_);  // clean-up: the first cause is what the caller sees
-  }
-  TempName(const TempName&) = delete;
-  TempName& operator=(const TempName&) = delete;
-  void commit() { name_ = nullptr; }
-
- private:
-  const char* name_;
-};
-
-void sleep_fully(unsigned seconds) {
-  while ((seconds = ::sleep(seconds)) > 0) {
-  }
-}
-
-// lose_tmp - forget a half-made temporary file: close, unlink, errno 0.
-void lose_tmp(zanth::UniqueFd& fd, const char* name) {
-  fd.reset();
-  ::unlink(name);
-  errno = 0;
-}
-
-// write_quota_file - everything between opening the temporary file and
-// renaming it: owner, count, text, write, sync, close. 0 / -1 with errno.
-int write_quota_file(zanth::UniqueFd& fd, uid_t uid, gid_t gid, long long quota_bytes,
-                     unsigned long long quota_count, time_t* newest) {
-  if (::fchown(fd.get(), uid, gid) != 0) return -1;
-  maildir_usage usage;
-  if (maildir_count_usage(".", &usage) != 0) return -1;
-  *newest = usage.newest_mtime;
-  char text[kMaxFileText];
-  const int n = std::snprintf(text, sizeof text, "%lldS,%lluC\n%12lld%12llu\n", quota_bytes,
-                              quota_count, usage.bytes, usage.messages);
-  if (n <= 0 || static_cast<size_t>(n) >= sizeof text) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (zanth::writeFully(fd.get(), text, static_cast<size_t>(n)) != 0) {
-    report_error(kReportAndGoOn, kReportFlag, "unable to write data to file");
-    return -1;
-  }
-  if (zanth::retryEintr([&] { return ::fsync(fd.get()); }) != 0 ||
-      zanth::closeDescriptor(fd.release()) != 0) {
-    report_error(kReportAndGoOn, kReportFlag, "unable to commit written data to file");
-    return -1;
-  }
-  return 0;
-}
 
 // attachments_size - the apparent size of "@attachments" in the working
 // directory when it is there: 1 with *size, 0 when it is not, -1 on error.
@@ -114,26 +41,6 @@ int attachments_size(long long* size) {
   if (::lstat(kAttachmentsDir, &st) != 0) return 0;
   *size = dir_size(kAttachmentsDir);
   return *size < 0 ? -1 : 1;
-}
-
-// report_condition - report a failure that is no failed system call, so
-// that no stale errno of the client library is printed with it.
-void report_condition(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void report_condition(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  errno = 0;
-  vreport_error(kReportAndGoOn, kReportFlag, format, args);
-  va_end(args);
-}
-
-
-// ascii_domain - the domain's ASCII form, or null (reported).
-zanth::UniqueCString ascii_domain(const char* domain) {
-  zanth::UniqueCString ascii(idn_toascii(domain));
-  if (!ascii)
-    report_condition("idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
-  return ascii;
 }
 
 // A quota as the product database keeps it; anything but a number is none.
@@ -149,10 +56,10 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
   char err[256];
   db.reset(db_connect_setup(err, sizeof err));
   if (db.get() == nullptr) {
-    report_condition("unable to connect to MySQL");
+    report_condition(0, "unable to connect to MySQL");
     return false;
   }
-  const zanth::UniqueCString ascii = ascii_domain(domain);
+  const zanth::UniqueCString ascii = mail_domain_ascii(domain);
   if (!ascii) return false;
   const size_t length = std::strlen(ascii.get());
   const zanth::UniqueCString buffer(static_cast<char*>(std::malloc(2 * length + 1)));
@@ -171,11 +78,11 @@ bool open_domain_query(const char* domain, zanth::DbConnection& db, std::string&
 MYSQL_RES* run_query(MYSQL* conn, const std::string& sql, const char* query_failure,
                      const char* result_failure) {
   if (mysql_real_query(conn, sql.data(), sql.size()) != 0) {
-    report_condition(query_failure, mysql_error(conn));
+    report_condition(0, query_failure, mysql_error(conn));
     return nullptr;
   }
   MYSQL_RES* result = mysql_store_result(conn);
-  if (result == nullptr) report_condition(result_failure, mysql_error(conn));
+  if (result == nullptr) report_condition(0, result_failure, mysql_error(conn));
   return result;
 }
 
@@ -193,93 +100,12 @@ bool sql_with(const char* head, const std::string& escaped, const char* tail, st
 
 }  // namespace
 
-long long maildirsize_quota_to_write(long long quota) {
-  if (quota < 0) return 0;
-  return quota == 0 ? 1 : quota;
-}
-
-int maildirsize_open_tmp(char* buffer, size_t size) {
-  char host[kHostNameSize];
-  if (::gethostname(host, sizeof host) != 0) {
-    report_error(kReportAndGoOn, kReportFlag, "Unable to receive hostname");
-    return -1;
-  }
-  host[sizeof host - 1] = '\0';
-  for (int attempt = 0; attempt < kTmpAttempts; ++attempt) {
-    if (!zanth::path_format(buffer, size, "tmp/%lu.%u.%s-maildirsize",
-                            static_cast<unsigned long>(std::time(nullptr)),
-                            static_cast<unsigned>(::getpid()), host)) {
-      errno = ENAMETOOLONG;
-      report_error(kReportAndGoOn, kReportFlag, "host name is too long to be used in filename");
-      return -1;
-    }
-    // Only a new file is opened: the mail user owns tmp/ and may plant a
-    // link at the name, whose target root would otherwise create. A link
-    // found there is removed (the link, never its target) and the attempt
-    // counted.
-    zanth::UniqueFd fd(zanth::retryEintr([&] {
-      return ::open(buffer, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                    kMaildirsizeMode);
-    }));
-    struct stat by_fd, by_name;
-    if (fd.get() >= 0) {
-      // The name may still be swapped under us before it is renamed.
-      if (::fstat(fd.get(), &by_fd) == 0 && ::lstat(buffer, &by_name) == 0 &&
-          by_fd.st_dev == by_name.st_dev && by_fd.st_ino == by_name.st_ino)
-        return fd.release();
-      lose_tmp(fd, buffer);
-    } else if (errno == EEXIST && ::lstat(buffer, &by_name) == 0 && S_ISLNK(by_name.st_mode)) {
-      ::unlink(buffer);
-    }
-    sleep_fully(kTmpRetrySeconds);
-  }
-  errno = EAGAIN;
-  report_error(kReportAndGoOn, kReportFlag,
-               "Maximal allowed number of attempts to create a maildirsize file exceeded");
-  return -1;
-}
-
-int maildirsize_create(const char* maildir, uid_t uid, gid_t gid, long long quota_bytes,
-                       unsigned long long quota_count) {
-  zanth::WorkingDirectoryGuard cwd;
-  if (!cwd.saved() || zanth::retryEintr([&] { return ::chdir(maildir); }) != 0) return 0;
-  char tmp[zanth::kPathMax];
-  zanth::UniqueFd fd(maildirsize_open_tmp(tmp, sizeof tmp));
-  if (fd.get() < 0) return 0;
-  TempName tmp_name(tmp);
-  time_t counted_newest = 0;
-  if (write_quota_file(fd, uid, gid, quota_bytes, quota_count, &counted_newest) != 0 ||
-      ::rename(tmp, kMaildirsizeName) != 0)
-    return 0;
-  tmp_name.commit();
-  cwd.keep();
-
-  time_t newest = 0;
-  if (maildir_newest_folder_mtime(".", &newest) == 0 && newest <= counted_newest) return 1;
-  // Mail arrived (or the folders could not be checked) after the count:
-  // make the file look stale so that the next reader counts again.
-  const struct utimbuf times = {std::time(nullptr), counted_newest - kBackdateSeconds};
-  ::utime(kMaildirsizeName, &times);
-  errno = 0;
-  return 1;
-}
-
-int maildirsize_create_popuser(const char* maildir, long long quota) {
-  uid_t uid;
-  gid_t gid;
-  if (account_ids(kPopUserName, &uid, &gid) != 0) return 0;
-  return maildirsize_create(maildir, uid, gid, maildirsize_quota_to_write(quota), 0);
-}
-
 int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) {
-  const zanth::UniqueCString ascii = ascii_domain(domain);
-  if (!ascii) return 0;
   char path[zanth::kPathMax];
-  if (!zanth::path_format(path, sizeof path, "%s/%s/%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
-                          ascii.get(), mailbox)) {
-    errno = ENAMETOOLONG;
-    report_error(kReportAndGoOn, kReportFlag,
-                 "domain and/or user name too long to be stored on the filesystem");
+  if (mailbox_path(path, sizeof path, domain, mailbox, "") != 0) {
+    if (errno == ENAMETOOLONG)
+      report_error(kReportAndGoOn, kReportFlag,
+                   "domain and/or user name too long to be stored on the filesystem");
     return 0;
   }
   zanth::WorkingDirectoryGuard cwd;
@@ -301,7 +127,7 @@ int mailbox_set_quota(const char* domain, const char* mailbox, long long quota) 
     }
     quota -= attachments;
     if (quota < 0) {
-      report_condition("%s", kAttachmentsWarning);
+      report_condition(0, "%s", kAttachmentsWarning);
       quota = 0;
     }
   }
@@ -321,7 +147,7 @@ int mailbox_reset_quota(const char* domain, const char* mailbox) {
     if (found.get() == nullptr) return 0;
     MYSQL_ROW row = mysql_fetch_row(found.get());
     if (row == nullptr || row[0] == nullptr) {
-      report_condition("No such domain %s", domain);
+      report_condition(0, "No such domain %s", domain);
       return 0;
     }
     quota = parse_quota(db_get_dom_limit(row[0], "mbox_quota", db.get()));

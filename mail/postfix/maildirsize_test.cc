@@ -2,6 +2,7 @@
 // owner and mode, "@attachments", the backdating when mail arrives during
 // the count (a second process delivering) and the temporary-name defences.
 #include "mail/postfix/maildirsize.h"
+#include "mail/postfix/maildirsize_file.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

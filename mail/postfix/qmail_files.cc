@@ -7,14 +7,12 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "common/errors.h"
 #include "common/file_util.h"
 #include "common/idn.h"
-#include "common/orb_conf.h"
 #include "common/syscall.h"
 #include "mail/postfix/mail_dirs.h"
 #include "process/file_str.h"
@@ -32,34 +30,17 @@ bool is_ascii_alnum(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-// refuse - report a refusal that is no failed system call, so without
-// errno, then leave errno at cause for the caller. Always -1.
-int refuse(int cause, const char* format, ...) __attribute__((format(printf, 2, 3)));
-int refuse(int cause, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  errno = 0;
-  vreport_error(kReportAndGoOn, kReportFlag, format, args);
-  va_end(args);
-  errno = cause;
-  return -1;
-}
-
-// mailname_format - root/<ASCII domain>/<mailname> + suffix into buf;
+// mailname_format - mailbox_path of a mailname that passes the name rule;
 // too_long is the message for a path that does not fit.
 int mailname_format(char* buf, size_t size, const char* mailname, const char* domain,
                     const char* suffix, const char* too_long) {
   if (mailname == nullptr || domain == nullptr ||
       !(is_ascii_alnum(mailname[0]) || mailname[0] == '_' || mailname[0] == '-'))
-    return refuse(EINVAL, "empty mailname or maildomain");
-  idn_last_error = 0;
-  const zanth::UniqueCString ascii(idn_toascii(domain));
-  if (!ascii)
-    return refuse(EINVAL, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_last_error));
-  if (!zanth::path_format(buf, size, "%s/%s/%s%s", orb_conf_get_default(ZANTH_MAILNAMES_D),
-                          ascii.get(), mailname, suffix))
-    return refuse(ENAMETOOLONG, too_long, domain, mailname);
-  return 0;
+    return report_condition(EINVAL, "empty mailname or maildomain");
+  if (mailbox_path(buf, size, domain, mailname, suffix) == 0) return 0;
+  if (errno == ENAMETOOLONG) return report_condition(ENAMETOOLONG, too_long, domain, mailname);
+  errno = EINVAL;  // the domain has no ASCII form (reported)
+  return -1;
 }
 
 // forward_line - "&" + address with its domain in ASCII + line_end; null
@@ -72,7 +53,7 @@ zanth::UniqueCString forward_line(const char* address, const char* line_end,
     // Without "@" there is no error code to name.
     const char* why =
         idn_last_error != 0 ? idn_strerror(idn_last_error) : "no \"@\" in the address";
-    refuse(EINVAL, "idn_email_toascii(%s) failed: %s", address, why);
+    report_condition(EINVAL, "idn_email_toascii(%s) failed: %s", address, why);
     return zanth::UniqueCString();
   }
   char* line = nullptr;

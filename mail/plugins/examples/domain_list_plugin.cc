@@ -18,6 +18,7 @@
 #include "common/descriptors.h"
 #include "common/fixed_paths.h"
 #include "common/syscall.h"
+#include "common/temp_file.h"
 #include "mail/plugins/rename_plugin.h"
 
 namespace {
@@ -85,28 +86,20 @@ std::string rename_in_list(const std::string& text, const char* old_name, const 
 }
 
 // replace_list - write `text` as the new list, with the old list's owner
-// and mode, through a synced temporary file.
+// and mode, through a synced temporary file (removed again on failure).
 int replace_list(const std::string& text, const struct stat& old_list) {
   const std::string list = kDomainList;
   const std::string temp = list + kTempSuffix;
-  {
-    zanth::UniqueFd out(zanth::retryEintr(
-        [&] { return ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600); }));
-    if (out.get() < 0) return fail(temp, "open");
-    if (::fchown(out.get(), old_list.st_uid, old_list.st_gid) != 0 ||
-        ::fchmod(out.get(), old_list.st_mode & kPermissionBits) != 0 ||
-        zanth::writeFully(out.get(), text.data(), text.size()) != 0 ||
-        ::fsync(out.get()) != 0 || zanth::closeDescriptor(out.release()) != 0) {
-      fail(temp, "write");
-      ::unlink(temp.c_str());
-      return 1;
-    }
-  }
-  if (::rename(temp.c_str(), list.c_str()) != 0) {
-    fail(temp, "rename");
-    ::unlink(temp.c_str());
-    return 1;
-  }
+  zanth::TempFile out(zanth::retryEintr([&] {
+                        return ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+                      }),
+                      temp.c_str());
+  if (out.fd() < 0) return fail(temp, "open");
+  if (::fchown(out.fd(), old_list.st_uid, old_list.st_gid) != 0 ||
+      ::fchmod(out.fd(), old_list.st_mode & kPermissionBits) != 0 ||
+      zanth::writeFully(out.fd(), text.data(), text.size()) != 0 || out.sync() != 0)
+    return fail(temp, "write");
+  if (out.renameTo(list.c_str()) != 0) return fail(temp, "rename");
   // The rename is made durable on a best-effort basis: the list is already
   // correct for every reader, and a failure here changes nothing for them.
   const std::string dir_path = list.substr(0, list.rfind('/'));
