@@ -3,7 +3,8 @@
 // and the quota operations of the domain manager. Two layers: the
 // procedural one returns 1 / 0 with errno and reports through report_error
 // (status 0, never fatal); the domain manager's throws
-// boost::filesystem::filesystem_error with a fixed text.
+// boost::filesystem::filesystem_error with a fixed text. Kept for the
+// control panel: neither command reaches it.
 #ifndef MXKEEP_MAIL_POSTFIX_MAILDIRSIZE_H
 #define MXKEEP_MAIL_POSTFIX_MAILDIRSIZE_H
 

@@ -1,7 +1,8 @@
 // Quota file format: the Maildir++ "maildirsize" file of a Maildir, the
 // byte quota and the usage counted when it is written, owned by the mail
 // user. Procedural: 1 / 0 (or a descriptor / -1) with errno; reported
-// through report_error with status 0, never fatal.
+// through report_error with status 0, never fatal. Kept for the control
+// panel: neither command reaches it.
 #ifndef MXKEEP_MAIL_POSTFIX_MAILDIRSIZE_FILE_H
 #define MXKEEP_MAIL_POSTFIX_MAILDIRSIZE_FILE_H
 

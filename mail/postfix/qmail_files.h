@@ -5,6 +5,7 @@
 // Two layers: the qmail_* functions give 0 / -1 and report once through
 // report_error (never exiting); the domain manager's functions throw
 // zanth::SystemError "unable to modify <path>" with the current errno.
+// Kept for the control panel: neither command reaches it.
 #ifndef MXKEEP_MAIL_POSTFIX_QMAIL_FILES_H
 #define MXKEEP_MAIL_POSTFIX_QMAIL_FILES_H
 
