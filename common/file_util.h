@@ -51,6 +51,7 @@ int read_first_line(char* buffer, size_t size, const char* path);
 // leaves the rest in place for the caller to fail on. The working directory
 // is left alone: entries are removed relative to their open directory.
 int remove_tree(const char* path, int remove_top);
+constexpr int kRemoveTop = 1;  // remove_top: path goes too
 
 // open_unshared - path opened read-only, never through a symbolic link at
 // it (ELOOP) nor blocking on a fifo, and refused (EMLINK) when it is a

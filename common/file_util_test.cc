@@ -97,8 +97,8 @@ TEST_F(FileUtil, RemoveTreeNeverFollowsLinksAndGoesDeeperThanAPathCanName) {
   }
   close(fd);
 
-  remove_tree(top.c_str(), 1);
-  remove_tree((dir_ / "toplink").c_str(), 1);
+  remove_tree(top.c_str(), kRemoveTop);
+  remove_tree((dir_ / "toplink").c_str(), kRemoveTop);
   EXPECT_FALSE(pathExists(top));
   EXPECT_FALSE(pathExists(dir_ / "toplink"));
   EXPECT_EQ("x", readFile(outside + "/keep"));

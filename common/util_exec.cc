@@ -115,7 +115,7 @@ int run_utility(char* path, va_list args) {
   char* argv[kUtilExecMaxArgs];
   argv[0] = path;
   fill_argv(argv, 1, args);
-  return exec_capture_report(path, argv, 0);
+  return exec_capture_report(path, argv, kReportFailure);
 }
 
 }  // namespace
@@ -241,7 +241,7 @@ int exec_capture_report_va(const char* path, ...) {
   va_start(args, path);
   fill_argv(argv, 0, args);
   va_end(args);
-  return exec_capture_report(path, argv, 0);
+  return exec_capture_report(path, argv, kReportFailure);
 }
 
 int admin_util_exec(const char* name, ...) {

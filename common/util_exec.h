@@ -27,6 +27,7 @@ int fork_execv_getouterr(char** out, char** err, const char* path, char* const a
 // quiet, a non-zero result is reported with the captured standard error.
 // Returns as fork_execv_getouterr.
 int exec_capture_report(const char* path, char* const argv[], int quiet);
+constexpr int kReportFailure = 0;  // quiet off: a failure is reported with its output
 
 // exec_capture_report_va - as exec_capture_report, not quiet; the
 // arguments after path form the whole argument vector (argv[0] first),

@@ -37,12 +37,6 @@ constexpr mode_t kDescriptionMode = 0755;
 constexpr uid_t kQueueOwner = 0;
 constexpr gid_t kQueueGroup = 0;
 constexpr mode_t kQueueMode = 0755;
-// remove_tree's remove_top: a removed handler's description directory
-// goes with its files.
-constexpr int kRemoveTop = 1;
-// exec_capture_report's quiet flag, off: a failing refresh program is
-// reported with what it printed, before the line saying the sync failed.
-constexpr int kReportProgramOutput = 0;
 
 // Where a stored handler lives: its type, hook, queue directory and entry.
 struct Location {
@@ -449,7 +443,7 @@ int handlers_refresh() {
   char refresh[] = "refresh";
   if (!path_format(program, sizeof program, "%s", kHandlersRefreshProgram)) return -1;
   char* argv[] = {program, refresh, nullptr};
-  int result = exec_capture_report(kHandlersRefreshProgram, argv, kReportProgramOutput);
+  int result = exec_capture_report(kHandlersRefreshProgram, argv, kReportFailure);
   if (result != 0) mail_log(LOG_ERR, "Cannot sync tmps storage to fs");
   return result;
 }
