@@ -136,8 +136,9 @@ bool hasHandlers(const std::string& name) {
 
 std::vector<Clash> clashes(const std::string& oldName, const std::string& newName) {
   std::vector<Clash> found;
-  const bool oldRouted = pf::domainRouted(oldName) == 1;
-  if (oldRouted && pf::domainRouted(newName) == 1)
+  const std::vector<int> routed = pf::domainsRouted({oldName, newName});
+  const bool oldRouted = routed[0] == 1;
+  if (oldRouted && routed[1] == 1)
     found.push_back(
         {mapPlace(pf::VirtualMap::kVirtualDomains), "keys " + oldName + " and " + newName});
 

@@ -152,17 +152,18 @@ TEST_F(RenameFaults, ChildrenSeeNoDescriptorOrSignalSettingOfTheTool) {
   for (const char* leak : {"lock/files", "zanth/", "passwd.db", "utilities.sem"})
     EXPECT_EQ(std::string::npos, fds.find(leak)) << leak << " in\n" << fds;
   std::string expected;
-  // Eight postmap runs (a lookup of each name, a dump and a rebuild of each
-  // map) and two refreshes for each of the two moved handlers.
-  for (int i = 0; i < 12; ++i) expected += "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
+  // Seven postmap runs (one lookup of both names, a dump and a rebuild of
+  // each map) and two refreshes for each of the two moved handlers.
+  for (int i = 0; i < 11; ++i) expected += "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
   EXPECT_EQ(expected, readFile("/run/signals"));
 }
 
 TEST_F(RenameFaults, TerminationSignalsWaitForTheStepThenFailIt) {
   {
-    // SIGTERM while the virtual map is being dumped: that map is finished,
-    // then both rewritten maps are put back.
-    PostmapStandIn postmap(kCountCalls + "[ $n = 3 ] && { " + kWaitOnFifo +
+    // SIGTERM while the virtual map is being dumped (call 4, after the
+    // clash lookup and the domains map): that map is finished, then both
+    // rewritten maps are put back.
+    PostmapStandIn postmap(kCountCalls + "[ $n = 4 ] && { " + kWaitOnFifo +
                            "; }\nexec \"$REAL\" \"$@\"");
     const RunResult r = renameSignalledDuringStandIn(SIGTERM);
     EXPECT_EQ(1, r.exitCode());
@@ -220,15 +221,15 @@ TEST_F(RenameFaults, ThrowingPluginFailsOnlyItself) {
 
 TEST_F(RenameFaults, SameRenameAgainCompletesAfterACrashAnywhere) {
   // A stand-in postmap SIGKILLs the tool at its k-th call, then runs the
-  // real one, so a dump leaves its text source behind. Calls 1-6 (dump and
-  // rebuild of each map) are the forward map step; with a refusing plugin,
-  // 7-12 are the undo, 13-18 the map guards' rewrites inside it. Call 0 is
-  // the refresh program of the handler step killing the tool, after the
-  // mail directory was renamed.
-  for (int call : {0, 1, 2, 3, 4, 5, 6, 8, 11, 14, 17}) {
+  // real one, so a dump leaves its text source behind. Call 1 is the clash
+  // lookup, 2-7 (dump and rebuild of each map) the forward map step; with a
+  // refusing plugin, 8-13 are the undo, 14-19 the map guards' rewrites
+  // inside it. Call 0 is the refresh program of the handler step killing
+  // the tool, after the mail directory was renamed.
+  for (int call : {0, 1, 2, 3, 4, 5, 6, 7, 9, 12, 15, 18}) {
     SCOPED_TRACE("killed at call " + std::to_string(call));
     fresh();
-    if (call > 6) installPlugin("test_plugins/failing.so");
+    if (call > 7) installPlugin("test_plugins/failing.so");
     if (call == 0) writeFile(kRefresh, "#!/bin/sh\nkill -KILL $PPID\n", 0755);
     {
       const std::string kill = "[ $n = " + std::to_string(call) + " ] && kill -KILL $PPID\n";
@@ -244,6 +245,21 @@ TEST_F(RenameFaults, SameRenameAgainCompletesAfterACrashAnywhere) {
     expectPlaces(sampleAfter, "b.example", kUsersRenamed);
     expectNoLockHeld();
   }
+}
+
+TEST_F(RenameFaults, ClashLookupSeesOneVersionOfTheDomainsMap) {
+  // The postmap of a killed rename finishes its rebuild of virtual_domains
+  // (a.example now b.example) just as the rerun has asked its first name:
+  // asked one by one, the two names would both be found and the rerun
+  // refused as a merge of two domains.
+  const std::string vd = kSpool + "/virtual_domains";
+  PostmapStandIn postmap(kCountCalls +
+                         "\"$REAL\" \"$@\"; status=$?\n[ $n = 1 ] && { \"$REAL\" -s hash:" + vd +
+                         " | sed -E 's/^a[.]example([[:space:]])/b.example\\1/' > /run/vd && " +
+                         "\"$REAL\" hash:/run/vd && mv /run/vd.db " + vd + ".db; }\nexit $status");
+  const RunResult r = runTool({"a.example", "b.example"});
+  EXPECT_EQ(0, r.exitCode()) << r.err;
+  expectPlaces(sampleAfter, "b.example", kUsersRenamed);
 }
 
 TEST_F(RenameFaults, ConcurrentRenamesOfTwoDomainsBothComplete) {

@@ -20,13 +20,21 @@ void appendBlock(std::string& text, const std::vector<char>& block) {
 
 // run - the raw wait status; output to consumer, or into *out, or dropped.
 int run(const std::vector<std::string>& argv, const process::BlockConsumer* consumer,
-        std::string* out, std::string* errors) {
+        std::string* out, std::string* errors, const std::string& input = std::string()) {
   process::ProcessSpec child;
   child.program = argv.front();
   child.arguments = argv;
   child.stderrSetting = process::kStreamPipe;
   child.stderrConsumer = boost::bind(&appendBlock, boost::ref(*errors), boost::placeholders::_1);
   process::Pipe pipe;
+  if (!input.empty()) {
+    pipe.setInput(process::kStreamPipe, [&input, done = false](std::vector<char>& block) mutable {
+      if (done) return false;
+      block.assign(input.begin(), input.end());
+      done = true;
+      return true;
+    });
+  }
   if (consumer != nullptr)
     pipe.setOutput(process::kStreamPipe, *consumer);
   else if (out != nullptr)
@@ -49,9 +57,10 @@ std::string runPostfixProgram(const std::vector<std::string>& argv,
   return out;
 }
 
-int postfixProgramStatus(const std::vector<std::string>& argv, std::string* out) {
+int postfixProgramStatus(const std::vector<std::string>& argv, std::string* out,
+                         const std::string& input) {
   std::string errors;
-  const int status = run(argv, nullptr, out, &errors);
+  const int status = run(argv, nullptr, out, &errors, input);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

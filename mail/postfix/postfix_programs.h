@@ -21,9 +21,11 @@ namespace postfix {
 std::string runPostfixProgram(const std::vector<std::string>& argv,
                               const process::BlockConsumer* consumer = nullptr);
 
-// postfixProgramStatus - runs argv with its output kept in *out (when not
-// null) and returns its exit code; -1 when it did not exit (killed).
-int postfixProgramStatus(const std::vector<std::string>& argv, std::string* out);
+// postfixProgramStatus - runs argv with input on its standard input (none
+// when empty) and its output kept in *out (when not null); returns its exit
+// code, -1 when it did not exit (killed).
+int postfixProgramStatus(const std::vector<std::string>& argv, std::string* out,
+                         const std::string& input = std::string());
 
 }  // namespace postfix
 }  // namespace mail

@@ -81,17 +81,25 @@ std::string textSourceLeft(VirtualMap map) {
   return ::lstat(path.c_str(), &st) == 0 ? path : std::string();
 }
 
-int domainRouted(const std::string& name) {
-  switch (postfixProgramStatus({paths::kPostmapProgram, "-q", name, paths::kVirtualDomainsMap},
-                               nullptr)) {
-    case 0:
-      return 1;
-    case 1:
-      return 0;
-    default:
-      return -1;
+std::vector<int> domainsRouted(const std::vector<std::string>& names) {
+  // "postmap -q -" reads the keys from its input and prints "key<tab>value"
+  // for each one found; it exits 1 when none is.
+  std::string keys, found;
+  for (const std::string& name : names) keys += name + "\n";
+  const int status =
+      postfixProgramStatus({paths::kPostmapProgram, "-q", "-", paths::kVirtualDomainsMap}, &found,
+                           keys);
+  std::vector<int> routed(names.size(), status == 0 || status == 1 ? 0 : -1);
+  std::istringstream lines(found);
+  for (std::string line; status == 0 && std::getline(lines, line);) {
+    const std::string key = line.substr(0, line.find_first_of(" \t"));
+    for (size_t i = 0; i < names.size(); ++i)
+      if (names[i] == key) routed[i] = 1;
   }
+  return routed;
 }
+
+int domainRouted(const std::string& name) { return domainsRouted({name}).front(); }
 
 int mapLockHeld(VirtualMap map) {
   // Hashed, as the rewrite's ScopedLock (kind kLockHashed) names it.

@@ -41,8 +41,11 @@ bool rewritesOtherDomainPath(const std::string& before, const std::string& from)
 // database: a rewrite was interrupted. Empty when there is none.
 std::string textSourceLeft(VirtualMap map);
 
-// domainRouted - 1 when name is a key of the virtual domains map (mail to
-// it is ours), 0 when not, -1 when postmap cannot tell. One lookup, no dump.
+// domainsRouted - for each of names, 1 when it is a key of the virtual
+// domains map (mail to it is ours), 0 when not, -1 when postmap cannot
+// tell. One lookup run, no dump: every answer comes from one version of the
+// map, even while another process rebuilds it.
+std::vector<int> domainsRouted(const std::vector<std::string>& names);
 int domainRouted(const std::string& name);
 
 // mapLockHeld - 1 when another process holds the map's rewrite lock, 0
