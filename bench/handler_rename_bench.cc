@@ -33,6 +33,7 @@
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_users.h"
 #include "mail/handlers/handler_actions.h"
+#include "mail/handlers/handler_mass.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "common/mail_log.h"
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
-#include "mail/handlers/handler_actions.h"
+#include "mail/handlers/handler_mass.h"
 #include "mail/postfix/mail_dirs.h"
 #include "mail/postfix/virtual_check.h"
 

@@ -18,6 +18,7 @@
 #include "mail/auth/auth_db.h"
 #include "mail/auth/auth_domains.h"
 #include "mail/handlers/handler_actions.h"
+#include "mail/handlers/handler_mass.h"
 #include "mail/plugins/plugin_runner.h"
 #include "mail/postfix/delivery_hold.h"
 #include "mail/postfix/errors.h"

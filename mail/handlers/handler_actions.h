@@ -3,13 +3,11 @@
 // refresh of the fast copy of the store. Built on the store of
 // handler_store.h. Plain functions: 0 / -1, failures logged once through
 // mail_log at priority 3. The operations over many handlers at once (the
-// domain rename's step) are declared in handler_mass.h, included here so
-// that one header serves the callers of both.
+// domain rename's step) are handler_mass.h's.
 #ifndef MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 #define MXKEEP_MAIL_HANDLERS_HANDLER_ACTIONS_H
 
 #include "common/fixed_paths.h"
-#include "mail/handlers/handler_mass.h"
 #include "mail/handlers/handler_store.h"
 
 namespace zanth {
