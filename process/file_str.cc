@@ -132,7 +132,7 @@ bool ReplacementFile::open() {
     return false;
   }
   errno = 0;
-  lock_ = lock_file_wait(path_, 1);
+  lock_ = lock_file_wait(path_, /*hashed=*/1);
   if (lock_ == nullptr || lock_->fd <= 0) return false;
 
   auto create = [&] {

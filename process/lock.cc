@@ -211,8 +211,15 @@ void shutdown_sem() {
 
 namespace zanth {
 
+namespace {
+
+// hashedFlag - the procedural functions' hashed argument for a kind.
+int hashedFlag(int kind) { return kind == kLockPath ? 0 : 1; }
+
+}  // namespace
+
 void lock(LockHandle*& handle, const std::string& name, int kind, int mode) {
-  int hashed = kind == kLockPath ? 0 : 1;
+  const int hashed = hashedFlag(kind);
   errno = 0;
   if (mode == kLockWait) {
     handle = lock_file_wait(name.c_str(), hashed);
@@ -228,6 +235,10 @@ void lock(LockHandle*& handle, const std::string& name, int kind, int mode) {
   }
   if (mode == kLockTry && handle->fd == 0)
     throw std::runtime_error("lock(" + name + ") failed: file is already locked");
+}
+
+int lockHeld(const std::string& name, int kind) {
+  return lock_file_held(name.c_str(), hashedFlag(kind));
 }
 
 ScopedLock::ScopedLock(const std::string& name, int kind, int mode) {

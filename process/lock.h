@@ -81,6 +81,10 @@ constexpr int kLockTry = 1;
 // before a throw holds no lock but must still be released.
 void lock(LockHandle*& handle, const std::string& name, int kind, int mode);
 
+// lockHeld - lock_file_held for the lock file lock() takes for name and
+// kind: a check asks about exactly the lock the rename holds.
+int lockHeld(const std::string& name, int kind);
+
 // Holds a lock file for its scope:
 //   {
 //     zanth::ScopedLock guard(mapPath, zanth::kLockPath, zanth::kLockWait);

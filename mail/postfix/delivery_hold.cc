@@ -226,7 +226,7 @@ bool readHoldRecord(HoldRecord* record) {
 }
 
 bool holdLeftBehind(HoldRecord* record) {
-  return readHoldRecord(record) && lock_file_held(kHoldLockName, 1) == 0;
+  return readHoldRecord(record) && lockHeld(kHoldLockName, kLockHashed) == 0;
 }
 
 DeliveryHold::DeliveryHold(const std::string& oldName, const std::string& newName)

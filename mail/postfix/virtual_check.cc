@@ -102,8 +102,8 @@ std::vector<int> domainsRouted(const std::vector<std::string>& names) {
 int domainRouted(const std::string& name) { return domainsRouted({name}).front(); }
 
 int mapLockHeld(VirtualMap map) {
-  // Hashed, as the rewrite's ScopedLock (kind kLockHashed) names it.
-  return lock_file_held(database::mapPath(virtualMapSpec(map)).c_str(), 1);
+  // The kind the map rewrite's ScopedLock takes.
+  return lockHeld(database::mapPath(virtualMapSpec(map)), kLockHashed);
 }
 
 }  // namespace postfix
