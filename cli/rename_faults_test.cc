@@ -28,7 +28,6 @@ std::string configError(const std::string& text) {
   return kFatal + "zanth::mail::postfix::PostfixConfigurationError(" + text + ")\n";
 }
 
-
 // No lock file is held by anyone once the tool is gone: flock(1) takes each.
 void expectNoLockHeld() {
   EXPECT_EQ("", shell("find /var/lock/files -type f ! -exec flock -n {} true \\; -print").out);

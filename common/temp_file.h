@@ -7,7 +7,9 @@
 #define MXKEEP_COMMON_TEMP_FILE_H
 
 #include <unistd.h>
-#include <cstdio>
+
+#include <cerrno>
+#include <cstdio>  // rename
 
 #include "common/descriptors.h"
 #include "common/syscall.h"

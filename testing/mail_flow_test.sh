@@ -14,7 +14,6 @@ build=$1
 . "$here/checks.sh"
 trap mail_flow_stop EXIT
 
-
 cmake --install "$build" --prefix /usr >/dev/null || exit 1
 maps=/var/spool/postfix/zanth names=/var/qmail/mailnames
 printf 'example.org VIRTUAL\nother.example VIRTUAL\n' > $maps/virtual_domains

@@ -58,6 +58,7 @@ inline std::future<testing_support::RunResult> renameInBackground(pid_t* pid) {
   *pid = std::stoi(testing_support::readFifo("/run/ready"));
   return tool;
 }
+
 // What the tool says when it cannot put a place back after a failure.
 const std::string kCritical =
     "CRITICAL ERROR: Unable to properly restore Postfix Virtual Domains Database used by Zanth.\n"
